@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace patchmgmt {
+
+// Forks the patching process off the agent. Returns only in the detached
+// child (own session, working directory "/", exit-code file created); the
+// calling process ends here with 0 once the child acknowledged or ten seconds
+// passed. Ends with 44 (no pipe) or 58 (no fork, or no session).
+void DetachPatchProcess(const std::string& resultDirectory, const std::string& jobId, const std::string& runId);
+
+// The file through which the detached child hands its exit status to the agent:
+// resultDirectory + "/." + jobId + "." + runId + "." + pid + ".exit".
+class ExitCodeFile {
+ public:
+  static inline int32_t exitCode_ = 0;
+  static inline std::string file_;
+
+  // Names the file and creates it empty. Logs failures, never throws.
+  static void Create(const std::string& resultDirectory, const std::string& jobId, const std::string& runId,
+                     int pid);
+  // Writes exitCode_ in decimal, nothing else. Logs failures, never throws.
+  static void Save();
+};
+
+// Where the detached child registers itself to leave the agent's service group.
+constexpr const char* kSystemdTasksPath = "/sys/fs/cgroup/systemd/tasks";
+
+}  // namespace patchmgmt

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
+
+#include <sstream>
+#include <string>
+
+#include "zelkor/agent.h"
+#include "zelkor/logger.h"
+
+namespace patchmgmt {
+
+// The tool's logger, named by zagent::LOGGER_NAME.
+inline Poco::Logger& ToolLogger() { return util::logger::GetLogger(zagent::LOGGER_NAME); }
+
+// Whether the tool's logger admits `priority` (Poco::Message priorities).
+inline bool IsLogged(int priority) { return ToolLogger().getLevel() >= priority; }
+
+// Logs "[" + thread id + "]:" + text at `priority`.
+void LogText(int priority, const std::string& text);
+
+}  // namespace patchmgmt
+
+// Logs a message built with stream insertion, e.g.
+//   PM_LOG(Poco::Message::PRIO_ERROR, "Failed to open file: " << path);
+// The text is only formatted when the logger's level admits the priority.
+#define PM_LOG(priority, stream_expr)                         \
+  do {                                                        \
+    if (::patchmgmt::IsLogged(priority)) {                    \
+      std::ostringstream pm_log_stream_;                      \
+      pm_log_stream_ << stream_expr;                          \
+      ::patchmgmt::LogText((priority), pm_log_stream_.str()); \
+    }                                                         \
+  } while (0)
+
+#define PM_ERROR(stream_expr) PM_LOG(Poco::Message::PRIO_ERROR, stream_expr)
+#define PM_WARNING(stream_expr) PM_LOG(Poco::Message::PRIO_WARNING, stream_expr)
+#define PM_INFO(stream_expr) PM_LOG(Poco::Message::PRIO_INFORMATION, stream_expr)
+#define PM_DEBUG(stream_expr) PM_LOG(Poco::Message::PRIO_DEBUG, stream_expr)
+#define PM_TRACE(stream_expr) PM_LOG(Poco::Message::PRIO_TRACE, stream_expr)
