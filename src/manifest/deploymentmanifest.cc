@@ -1,0 +1,381 @@
+#include "manifest/deploymentmanifest.h"
+
+#include <exception>
+#include <new>
+#include <utility>
+
+#include "util/files.h"
+#include "util/json.h"
+#include "util/log.h"
+
+namespace patchmgmt {
+namespace {
+
+using JsonValue = rapidjson::Value;
+
+// The typed lookups below share one contract: when `key` is absent or holds a
+// value of another JSON type, a required lookup yields kManifestInvalid and an
+// optional one kManifestOk, and `destination` keeps what it had (the model's
+// default). The caller reports the failure, so that each one is logged once,
+// in the words of the level that knows what was being read.
+
+int32_t GetStringField(const JsonValue& object, const char* key, std::string& destination, bool required) {
+  const auto member = object.FindMember(key);
+  if (member == object.MemberEnd() || !member->value.IsString()) {
+    return required ? kManifestInvalid : kManifestOk;
+  }
+  // Names and ids end up as script arguments and file names, which cannot
+  // carry a NUL; a "\u0000" escape therefore ends the value.
+  destination.assign(member->value.GetString());
+  return kManifestOk;
+}
+
+// A JSON number that fits a signed 32-bit integer; 1.0 or 1e3 do not count.
+int32_t GetInt32Field(const JsonValue& object, const char* key, int32_t& destination, bool required) {
+  const auto member = object.FindMember(key);
+  if (member == object.MemberEnd() || !member->value.IsInt()) {
+    return required ? kManifestInvalid : kManifestOk;
+  }
+  destination = member->value.GetInt();
+  return kManifestOk;
+}
+
+// A non-negative JSON integer that fits 64 bits.
+int32_t GetUint64Field(const JsonValue& object, const char* key, uint64_t& destination, bool required) {
+  const auto member = object.FindMember(key);
+  if (member == object.MemberEnd() || !member->value.IsUint64()) {
+    return required ? kManifestInvalid : kManifestOk;
+  }
+  destination = member->value.GetUint64();
+  return kManifestOk;
+}
+
+// JSON true or false; the string "true" is not a bool.
+int32_t GetBoolField(const JsonValue& object, const char* key, bool& destination, bool required) {
+  const auto member = object.FindMember(key);
+  if (member == object.MemberEnd() || !member->value.IsBool()) {
+    return required ? kManifestInvalid : kManifestOk;
+  }
+  destination = member->value.GetBool();
+  return kManifestOk;
+}
+
+// The value under `key` when it is present and of the wanted kind, else null.
+const JsonValue* FindObjectField(const JsonValue& object, const char* key) {
+  const auto member = object.FindMember(key);
+  return member != object.MemberEnd() && member->value.IsObject() ? &member->value : nullptr;
+}
+
+const JsonValue* FindArrayField(const JsonValue& object, const char* key) {
+  const auto member = object.FindMember(key);
+  return member != object.MemberEnd() && member->value.IsArray() ? &member->value : nullptr;
+}
+
+void ParseDeferment(const JsonValue& object, Deferment& deferment) {
+  GetInt32Field(object, "count", deferment.count, false);
+  GetInt32Field(object, "minutesinterval", deferment.minutesInterval, false);
+}
+
+// "predeployment" and "rebootoption": every key is optional, so a prompt never
+// makes the manifest invalid.
+void ParseDeferrablePrompt(const JsonValue& object, DeferrablePrompt& prompt) {
+  if (const JsonValue* deferment = FindObjectField(object, "deferment")) {
+    ParseDeferment(*deferment, prompt.deferment);
+  }
+  GetStringField(object, "message", prompt.message, false);
+  GetStringField(object, "description", prompt.description, false);
+}
+
+// "duringdeployment" and "oncomplete".
+void ParseDeploymentMessage(const JsonValue& object, DeploymentMessage& message) {
+  GetStringField(object, "message", message.message, false);
+  GetStringField(object, "description", message.description, false);
+}
+
+int32_t ParseRebootCountdown(const JsonValue& object, RebootCountdown& countdown) {
+  if (GetInt32Field(object, "minutesinterval", countdown.minutesInterval, true) != kManifestOk) {
+    PM_ERROR("[Patch]:Failed to find: minutesinterval in rebootcountdown in manifest");
+    return kManifestInvalid;
+  }
+  GetStringField(object, "message", countdown.message, false);
+  GetStringField(object, "description", countdown.description, false);
+  return kManifestOk;
+}
+
+int32_t ParsePostDeployment(const JsonValue& object, PostDeployment& postDeployment) {
+  if (GetBoolField(object, "suppressreboots", postDeployment.suppressReboots, true) != kManifestOk) {
+    PM_ERROR("[Patch]:Failed to find bool field suppressreboots in postdeployment in manifest");
+    return kManifestInvalid;
+  }
+  if (const JsonValue* rebootOption = FindObjectField(object, "rebootoption")) {
+    ParseDeferrablePrompt(*rebootOption, postDeployment.rebootOption);
+  }
+  if (const JsonValue* countdown = FindObjectField(object, "rebootcountdown")) {
+    const int32_t result = ParseRebootCountdown(*countdown, postDeployment.rebootCountdown);
+    if (result != kManifestOk) return result;
+  }
+  if (const JsonValue* onComplete = FindObjectField(object, "oncomplete")) {
+    ParseDeploymentMessage(*onComplete, postDeployment.onComplete);
+  }
+  return kManifestOk;
+}
+
+int32_t ParsePackageNames(const JsonValue& array, std::vector<std::string>& packages) {
+  packages.reserve(packages.size() + array.Size());
+  for (const JsonValue& name : array.GetArray()) {
+    if (!name.IsString()) return kManifestInvalid;
+    packages.emplace_back(name.GetString());
+  }
+  return kManifestOk;
+}
+
+int32_t ParsePackagesByArch(const JsonValue& array, std::vector<PackagesByArch>& packagesByArch) {
+  packagesByArch.reserve(packagesByArch.size() + array.Size());
+  for (const JsonValue& element : array.GetArray()) {
+    PackagesByArch& entry = packagesByArch.emplace_back();
+    if (GetStringField(element, "architecture", entry.architecture, true) != kManifestOk) {
+      PM_ERROR("[Patch]:Failed to find string field architecture in packagesbyarch in manifest");
+      return kManifestInvalid;
+    }
+    const JsonValue* packages = FindArrayField(element, "packages");
+    if (packages == nullptr) {
+      PM_ERROR("[Patch]:Failed to find array field packages in packagesbyarch in manifest");
+      return kManifestInvalid;
+    }
+    const int32_t result = ParsePackageNames(*packages, entry.packages);
+    if (result != kManifestOk) return result;
+  }
+  return kManifestOk;
+}
+
+// The tool only carries the digests, it never checks them, so a list that is
+// not an array contributes nothing instead of failing the job.
+void ParseHashes(const JsonValue& value, std::vector<PackageHash>& hashes) {
+  if (!value.IsArray()) return;
+  hashes.reserve(hashes.size() + value.Size());
+  for (const JsonValue& element : value.GetArray()) {
+    PackageHash& hash = hashes.emplace_back();
+    GetStringField(element, "type", hash.type, false);
+    GetStringField(element, "value", hash.value, false);
+  }
+}
+
+int32_t ParseDownloadInfo(const JsonValue& object, DownloadInfo& downloadInfo) {
+  GetInt32Field(object, "langid", downloadInfo.langId, false);
+  GetStringField(object, "downloadurl", downloadInfo.downloadUrl, false);
+  const auto hashes = object.FindMember("hashesh");
+  if (hashes != object.MemberEnd()) ParseHashes(hashes->value, downloadInfo.hashes);
+  GetStringField(object, "platform", downloadInfo.platform, false);
+  const JsonValue* packagesByArch = FindArrayField(object, "packagesbyarch");
+  if (packagesByArch == nullptr) {
+    PM_ERROR("[Patch]:Failed to find packagesbyarch in downloadinfo of manifest");
+    return kManifestInvalid;
+  }
+  return ParsePackagesByArch(*packagesByArch, downloadInfo.packagesByArch);
+}
+
+// Patches are filled in place: on any failure the whole job is dropped, so a
+// half-filled patch is never seen.
+int32_t ParsePatches(const JsonValue& job, const char* key, std::vector<DeploymentPatch>& patches) {
+  const JsonValue* array = FindArrayField(job, key);
+  if (array == nullptr) {
+    PM_ERROR("[Patch]:Failed to find array field patches in patches in manifest");
+    return kManifestInvalid;
+  }
+  patches.reserve(patches.size() + array->Size());
+  for (const JsonValue& element : array->GetArray()) {
+    DeploymentPatch& patch = patches.emplace_back();
+    if (GetStringField(element, "zpatchid", patch.patchId, true) != kManifestOk) {
+      PM_ERROR("[Patch]:Failed to find string field zpatchid in patches in manifest");
+      return kManifestInvalid;
+    }
+    GetStringField(element, "vendorpatchid", patch.vendorPatchId, false);
+    const JsonValue* downloadInfo = FindArrayField(element, "downloadinfo");
+    if (downloadInfo == nullptr) {
+      PM_ERROR("[Patch]:Failed to find array field downloadinfo in patches in manifest");
+      return kManifestInvalid;
+    }
+    if (GetBoolField(element, "rebootrequire", patch.rebootRequire, true) != kManifestOk) {
+      PM_ERROR("[Patch]:Failed to find bool field rebootrequire in patches in manifest");
+      return kManifestInvalid;
+    }
+    if (!downloadInfo->Empty()) {
+      const int32_t result = ParseDownloadInfo((*downloadInfo)[0], patch.downloadInfo);
+      if (result != kManifestOk) return result;
+    }
+  }
+  return kManifestOk;
+}
+
+// Fills `job` from one element of "jobs". `isInstall` tells the caller whether
+// the job is one this tool runs; a job of another type is no failure, it is
+// only not stored.
+int32_t ParseJob(const JsonValue& object, DeploymentJob& job, bool& isInstall) {
+  isInstall = false;
+  if (GetStringField(object, "id", job.jobId, true) != kManifestOk) {
+    PM_ERROR("[Patch]:Failed to find string field id in jobs in manifest");
+    return kManifestInvalid;
+  }
+  if (GetInt32Field(object, "runid", job.runId, true) != kManifestOk) {
+    PM_ERROR("[Patch]:Failed to find integer field runid in jobs in manifest");
+    return kManifestInvalid;
+  }
+  if (GetStringField(object, "type", job.type, true) != kManifestOk) {
+    PM_ERROR("[Patch]:Failed to find string field type in jobs in manifest");
+    return kManifestInvalid;
+  }
+  if (job.type != "INSTALL") {
+    PM_WARNING("[Patch]:type provided: " << job.type
+                                         << " for linux job is not valid. supports only \"INSTALL\"");
+    return kManifestOk;
+  }
+  isInstall = true;
+  if (GetBoolField(object, "isimmediate", job.isImmediate, true) != kManifestOk) {
+    PM_ERROR("[Patch]:Failed to find bool field isimmediate in jobs in manifest");
+    return kManifestInvalid;
+  }
+  if (GetStringField(object, "datetime", job.dateTime, true) != kManifestOk) {
+    PM_ERROR("[Patch]:Failed to find string field datetime in jobs in manifest");
+    return kManifestInvalid;
+  }
+  GetBoolField(object, "ignoretimeout", job.ignoreTimeout, false);
+  // A job that ignores its time limit has none: "timeout" is not even looked at.
+  if (!job.ignoreTimeout && GetInt32Field(object, "timeout", job.timeout, true) != kManifestOk) {
+    PM_ERROR("[Patch]:Failed to find integer field timeout in jobs in manifest");
+    return kManifestInvalid;
+  }
+  GetBoolField(object, "uploadprogressreports", job.uploadProgressReports, false);
+  if (GetBoolField(object, "continueafterpackagefailedforpatch", job.continueAfterPackageFailedForPatch,
+                   true) != kManifestOk) {
+    PM_ERROR("[Patch]:Failed to find bool field continueafterpackagefailedforpatch in jobs in manifest");
+    return kManifestInvalid;
+  }
+  GetBoolField(object, "sendJobTelemetryData", job.sendJobTelemetryData, false);
+  if (!object.HasMember("patches")) {
+    PM_ERROR("[Patch]:Failed to find object patches in jobs in manifest");
+    return kManifestInvalid;
+  }
+  int32_t result = ParsePatches(object, "patches", job.patches);
+  if (result != kManifestOk) return result;
+  if (const JsonValue* preDeployment = FindObjectField(object, "predeployment")) {
+    ParseDeferrablePrompt(*preDeployment, job.preDeployment);
+  }
+  if (const JsonValue* duringDeployment = FindObjectField(object, "duringdeployment")) {
+    ParseDeploymentMessage(*duringDeployment, job.duringDeployment);
+  }
+  const JsonValue* postDeployment = FindObjectField(object, "postdeployment");
+  if (postDeployment == nullptr) {
+    PM_ERROR("[Patch]:Failed to find object field postdeployment in jobs in manifest");
+    return kManifestInvalid;
+  }
+  return ParsePostDeployment(*postDeployment, job.postDeployment);
+}
+
+// Jobs accepted before a failure stay in `jobs`; the caller must not use a
+// manifest whose parse failed.
+int32_t ParseJobs(const JsonValue& array, std::vector<DeploymentJob>& jobs) {
+  jobs.reserve(jobs.size() + array.Size());
+  DeploymentJob scratch;
+  for (const JsonValue& element : array.GetArray()) {
+    scratch.Reset();
+    bool isInstall = false;
+    const int32_t result = ParseJob(element, scratch, isInstall);
+    if (result != kManifestOk) return result;
+    if (isInstall) jobs.push_back(std::move(scratch));
+  }
+  return kManifestOk;
+}
+
+int32_t ParseManifestObject(const JsonValue& root, DeploymentJobManifest& manifest) {
+  if (GetInt32Field(root, "schemaversion", manifest.schemaVersion, true) != kManifestOk) {
+    PM_ERROR("[Patch]:Failed to find integer field schemaversion in deployement manifest");
+    return kManifestInvalid;
+  }
+  // Reported with the schema version's text: that is the message the field's
+  // logs have always carried for either header key, and it is kept as it is.
+  if (GetUint64Field(root, "manifestinstanceid", manifest.manifestInstanceId, true) != kManifestOk) {
+    PM_ERROR("[Patch]:Failed to find integer field schemaversion in deployement manifest");
+    return kManifestInvalid;
+  }
+  const JsonValue* jobs = FindArrayField(root, "jobs");
+  if (jobs == nullptr) {
+    PM_ERROR("[Patch]:Failed to find array field jobs in deployement manifest");
+    return kManifestInvalid;
+  }
+  return ParseJobs(*jobs, manifest.jobs);
+}
+
+}  // namespace
+
+int32_t DeploymentJobManifest::ParseManifest(const std::string& path) {
+  PM_DEBUG("[Patch]:Parsing Deployment manifest: " << path);
+  std::string content;
+  try {
+    content = ReadFile(path);
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception&) {
+    // The reader has logged why the file could not be opened; for the caller
+    // a missing manifest and an empty one are the same failure.
+    content.clear();
+  }
+  if (content.empty()) {
+    PM_ERROR("[Patch]:Error in reading manifest file content: " << path);
+    return kManifestUnreadable;
+  }
+  PM_TRACE("[Patch]:Deployment manifest content: " << content);
+
+  int32_t result = kManifestOk;
+  {
+    rapidjson::Document document;
+    // The length is passed so that a NUL byte inside the file is a syntax
+    // error rather than a silent end of the document.
+    document.Parse(content.data(), content.size());
+    // The DOM holds its own copy of every string: releasing the text now keeps
+    // a large manifest from being held three times while the model is built.
+    std::string().swap(content);
+    if (document.HasParseError() || !document.IsObject()) {
+      PM_ERROR("[Patch]:Not valid json document for Deployemnt manifest json.");
+      return kManifestInvalid;
+    }
+    result = ParseManifestObject(document, *this);
+  }
+  if (result != kManifestOk) return result;
+
+  DumpManifest();
+  PM_DEBUG("[Patch]:Deployment manifest: " << path << " parsed successfully");
+  return kManifestOk;
+}
+
+void DeploymentJobManifest::DumpManifest() const {
+  // A manifest of thousands of patches is not walked unless it is written.
+  if (!IsLogged(Poco::Message::PRIO_DEBUG)) return;
+  PM_DEBUG("[Patch]:Dumping DeploymentManifest: ");
+  PM_DEBUG("schemaversion: " << schemaVersion << "\n"
+                             << "manifestInstanceID: " << manifestInstanceId << "\n");
+  for (const DeploymentJob& job : jobs) {
+    PM_DEBUG("[Patch]:Deployment Job: [JobId,RunId,Type,IsImmediate,DateTime,IgnoreTimeout, Timeout]: ["
+             << job.jobId << ", " << job.runId << ", " << job.type << ", " << job.isImmediate << ", "
+             << job.dateTime << ", " << job.ignoreTimeout << ", " << job.timeout << "]");
+    for (const DeploymentPatch& patch : job.patches) {
+      PM_DEBUG("[Patch]:Deployment patch:[zpatchid]: [" << patch.patchId << "]");
+    }
+  }
+}
+
+bool FindDeploymentJob(const DeploymentJobManifest& manifest, const std::string& jobId, uint64_t runId,
+                       DeploymentJob& job) {
+  // The agent hands the run id over as unsigned 64 bits while the manifest
+  // carries it as a signed 32-bit number; both are compared as signed 64 bits,
+  // so a run id of -1 in the manifest is the agent's 18446744073709551615.
+  const int64_t wantedRunId = static_cast<int64_t>(runId);
+  for (const DeploymentJob& candidate : manifest.jobs) {
+    if (candidate.jobId == jobId && static_cast<int64_t>(candidate.runId) == wantedRunId) {
+      job = candidate;
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace patchmgmt
