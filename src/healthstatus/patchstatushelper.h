@@ -44,6 +44,13 @@ class PatchStatusHelper {
   // Flushes, then moves what is still queued into `writer`. Always 1.
   static int32_t CollectQueuedStatuses();
 
+  // At the end of a run, before the exit code is saved: collects what is still
+  // queued (CollectQueuedStatuses) and writes `writer` to the file name chosen
+  // there, creating the health-status directory when it is missing. True when
+  // nothing was left to write or the file was written; false (logged) when it
+  // could not be, in which case the records stay in `writer`.
+  static bool SaveQueuedStatuses();
+
   // Writes `messages` to `path` and clears it on success.
   static bool WriteAhsMessages(ahs::PatchAHSMessages& messages, const std::string& path);
 
