@@ -1,0 +1,83 @@
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <atomic>
+#include <map>
+#include <thread>
+#include <vector>
+
+#include "healthstatus/patchstatushelper.h"
+#include "support/sandbox.h"
+
+namespace patchmgmt {
+namespace {
+
+using Helper = PatchStatusHelper;
+
+std::map<std::string, int> CountRowsByContext(const std::string& dbPath) {
+  std::map<std::string, int> counts;
+  sqlite3* db = nullptr;
+  EXPECT_EQ(sqlite3_open_v2(dbPath.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+  sqlite3_stmt* stmt = nullptr;
+  EXPECT_EQ(sqlite3_prepare_v2(db, "SELECT ContextId FROM Status", -1, &stmt, nullptr), SQLITE_OK);
+  while (stmt != nullptr && sqlite3_step(stmt) == SQLITE_ROW) {
+    ++counts[reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0))];
+  }
+  sqlite3_finalize(stmt);
+  sqlite3_close(db);
+  return counts;
+}
+
+// Several threads report while the interim thread's periodic flush runs and
+// the database comes and goes: every record ends up exactly once, as a row or
+// still queued.
+TEST(HealthStatusConcurrencyTest, AddersAndFlusherNeitherLoseNorDuplicate) {
+  constexpr int kThreads = 4;
+  constexpr int kPerThread = 30;
+  pmtest::TempDir dir;
+  const std::string good = dir.Join("status.db");
+  const std::string bad = dir.Join("missing/status.db");
+
+  Helper::SetStatusPaths(dir.path(), bad);
+  for (int i = 0; i < 3; ++i)
+    Helper::AddHealthStatus(PatchMgmtHealthStatus("early-" + std::to_string(i), 1, 1));
+
+  std::atomic<int> addersLeft{kThreads};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t, &addersLeft] {
+      for (int i = 0; i < kPerThread; ++i) {
+        Helper::AddHealthStatus(PatchMgmtHealthStatus(std::to_string(t) + "-" + std::to_string(i), 2, 1));
+      }
+      --addersLeft;
+    });
+  }
+  threads.emplace_back([&] {
+    while (addersLeft > 0) Helper::FlushQueuedStatuses();
+  });
+  threads.emplace_back([&] {
+    for (bool available = true; addersLeft > 0; available = !available) {
+      Helper::SetStatusPaths(dir.path(), available ? good : bad);
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  });
+  for (auto& thread : threads) thread.join();
+
+  std::map<std::string, int> seen = CountRowsByContext(good);
+  {
+    std::lock_guard<std::mutex> guard(Helper::lock_);
+    for (auto copy = Helper::queOfAhsMessages_; !copy.empty(); copy.pop()) ++seen[copy.front().contextId];
+  }
+  ASSERT_EQ(seen.size(), 3u + kThreads * kPerThread);
+  for (const auto& [context, count] : seen) EXPECT_EQ(count, 1) << context;
+
+  Helper::SetStatusPaths(dir.path(), good);
+  Helper::FlushQueuedStatuses();
+  const auto rows = CountRowsByContext(good);
+  EXPECT_EQ(rows.size(), 3u + kThreads * kPerThread);
+  std::lock_guard<std::mutex> guard(Helper::lock_);
+  EXPECT_TRUE(Helper::queOfAhsMessages_.empty());
+}
+
+}  // namespace
+}  // namespace patchmgmt
