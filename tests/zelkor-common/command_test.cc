@@ -1,0 +1,171 @@
+#include "zelkor/command.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "gtest/gtest.h"
+#include "support/sandbox.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+util::CommandResult RunCommand(const std::vector<std::string>& argv, uint64_t limitSeconds = 0,
+                               uint64_t capKiB = 5120) {
+  util::CommandDetails details{argv.back(), argv};
+  util::CommandResult result{"", "", 0, 0, limitSeconds, 0, capKiB, 0};
+  EXPECT_TRUE(util::ExecuteCommand(details, result));
+  return result;
+}
+
+std::vector<std::string> Shell(const std::string& script) { return {"/bin/sh", "-c", script}; }
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+// Alive means present and not a zombie.
+bool IsAlive(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  if (!std::getline(stat, line)) return false;
+  auto nameEnd = line.rfind(')');
+  return nameEnd != std::string::npos && line.size() > nameEnd + 2 && line[nameEnd + 2] != 'Z';
+}
+
+// Test cleanup: whatever a run left behind is killed and, if it came back to
+// this process, reaped.
+void KillAndReap(pid_t pid) {
+  if (pid <= 1) return;
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+}
+
+TEST(CommandRunner, StartsTheCommandCleanlyAndReportsItsStatusAndStreams) {
+  auto result = RunCommand(Shell("echo out; echo err >&2; exit 7"));
+  EXPECT_EQ(result.exitCode, 7);
+  EXPECT_EQ(result.signalNumber, 0);
+  EXPECT_EQ(result.stdOut, "out\n");
+  EXPECT_EQ(result.stdErr, "err\n");
+
+  // A descriptor this process opened without close-on-exec must not reach
+  // the command; the caller's environment must.
+  int opened = open("/dev/null", O_RDONLY);
+  int leaked = dup2(opened, 40);
+  close(opened);
+  ASSERT_EQ(leaked, 40);
+  setenv("ZC_RUNNER_PROBE", "from the caller", 1);
+  result = RunCommand(Shell(
+      "printf '%s\\n' \"$ZC_RUNNER_PROBE\"; readlink /proc/$$/fd/0; cut -d' ' -f5 /proc/$$/stat; echo $$;"
+      "if [ -e /proc/$$/fd/40 ]; then echo leaked; else echo closed; fi"));
+  close(leaked);
+  unsetenv("ZC_RUNNER_PROBE");
+  auto lines = Lines(result.stdOut);
+  ASSERT_EQ(lines.size(), 5u) << result.stdOut << result.stdErr;
+  EXPECT_EQ(lines[0], "from the caller");
+  EXPECT_EQ(lines[1], "/dev/null");
+  EXPECT_EQ(lines[2], lines[3]) << "the command leads its own process group";
+  EXPECT_EQ(lines[4], "closed");
+}
+
+TEST(CommandRunner, ReportsDeathBySignalAndProgramsThatCannotStart) {
+  auto result = RunCommand(Shell("kill -TERM $$"));
+  EXPECT_EQ(result.exitCode, 128 + SIGTERM);
+  EXPECT_EQ(result.signalNumber, SIGTERM);
+
+  result = RunCommand({"/no/such/program", "arg"});
+  EXPECT_EQ(result.exitCode, 127);
+  EXPECT_NE(result.stdErr.find("execv(/no/such/program): No such file or directory"), std::string::npos)
+      << result.stdErr;
+
+  pmtest::TempDir dir;
+  const std::string notExecutable = dir.Join("script.sh");
+  pmtest::WriteTextFile(notExecutable, "#!/bin/sh\nexit 0\n", 0644);
+  result = RunCommand({notExecutable});
+  EXPECT_EQ(result.exitCode, 127);
+  EXPECT_NE(result.stdErr.find("Permission denied"), std::string::npos) << result.stdErr;
+}
+
+TEST(CommandRunner, PassesShellSyntaxInAnArgumentLiterally) {
+  pmtest::TempDir dir;
+  const std::string argument = "pkg-1.0; touch " + dir.Join("semicolon") + " $(touch " + dir.Join("subst") +
+                               ") `touch " + dir.Join("backtick") + "` && name with  spaces";
+  auto result = RunCommand({"/usr/bin/printf", "%s\\n", argument});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.stdOut, argument + "\n");
+  EXPECT_TRUE(pmtest::ListDir(dir.path()).empty());
+}
+
+TEST(CommandRunner, ReadsBothStreamsAtOnceAndCapsEach) {
+  // 50 MB on each stream at the same time: a runner that drains one pipe
+  // while the other is full would wait forever.
+  auto result =
+      RunCommand(Shell("head -c 52428800 /dev/zero & head -c 52428800 /dev/zero >&2; wait"), 0, 1024);
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.outputTruncated, 1);
+  constexpr size_t kCap = 1024 * 1024;
+  for (const std::string* text : {&result.stdOut, &result.stdErr}) {
+    ASSERT_GT(text->size(), kCap);
+    EXPECT_LT(text->size(), kCap + 200);
+    EXPECT_EQ(text->substr(0, kCap), std::string(kCap, '\0'));
+    EXPECT_NE(text->find("1024 KiB", kCap), std::string::npos) << "the kept text says that it was cut";
+  }
+}
+
+TEST(CommandRunner, ReturnsWhileABackgroundGrandchildHoldsThePipe) {
+  const auto start = Clock::now();
+  auto result = RunCommand(Shell("sleep 60 & echo $!; echo done"));
+  const auto elapsed = Clock::now() - start;
+  auto lines = Lines(result.stdOut);
+  ASSERT_EQ(lines.size(), 2u) << result.stdOut;
+  const pid_t grandchild = std::atoi(lines[0].c_str());
+  EXPECT_TRUE(IsAlive(grandchild)) << "the grandchild still holds the pipe open";
+  KillAndReap(grandchild);
+  EXPECT_EQ(lines[1], "done");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_LT(elapsed, std::chrono::seconds(30));
+}
+
+TEST(CommandRunner, TimeLimitKillsTheWholeTreeIncludingEscapedProcesses) {
+  pmtest::TempDir dir;
+  const std::string pids = dir.Join("pids");
+  // The tree: the script itself; a child that left for a session of its own
+  // (with a child of its own); a process that setsid'd and was orphaned when
+  // its parent exited; and an orphan that stayed in the group.
+  const std::string script = "echo $$ >> " + pids + "\n" + "setsid /bin/sh -c 'echo $$ >> " + pids +
+                             "; sleep 300 & echo $! >> " + pids + "; wait' &\n" +
+                             "/bin/sh -c 'setsid sleep 301 & echo $! >> " + pids + "'\n" +
+                             "/bin/sh -c 'sleep 302 & echo $! >> " + pids + "'\n" + "sleep 303\n";
+  util::SetKillChildHierarchy(true);
+  const auto start = Clock::now();
+  auto result = RunCommand(Shell(script), 3);
+  const auto elapsed = Clock::now() - start;
+  util::SetKillChildHierarchy(false);
+
+  std::vector<pid_t> tree;
+  for (const auto& line : Lines(pmtest::ReadTextFile(pids))) tree.push_back(std::atoi(line.c_str()));
+  std::string survivors;
+  for (pid_t pid : tree) {
+    if (IsAlive(pid)) survivors += std::to_string(pid) + " ";
+  }
+  for (pid_t pid : tree) KillAndReap(pid);
+
+  EXPECT_EQ(tree.size(), 5u) << "the whole tree was up before the limit";
+  EXPECT_EQ(survivors, "") << "still alive";
+  EXPECT_EQ(result.exitCode, 137);
+  EXPECT_EQ(result.timedOut, 1);
+  EXPECT_NE(result.stdErr.find("timed out after 3 s"), std::string::npos) << result.stdErr;
+  EXPECT_LT(elapsed, std::chrono::seconds(60)) << "the limit, not the tree's 300 s";
+}
+
+}  // namespace
