@@ -38,6 +38,7 @@ TEST(HealthStatusConcurrencyTest, AddersAndFlusherNeitherLoseNorDuplicate) {
   const std::string good = dir.Join("status.db");
   const std::string bad = dir.Join("missing/status.db");
 
+  Helper::SetStatusPaths(dir.path(), good);
   Helper::SetStatusPaths(dir.path(), bad);
   for (int i = 0; i < 3; ++i)
     Helper::AddHealthStatus(PatchMgmtHealthStatus("early-" + std::to_string(i), 1, 1));
@@ -48,6 +49,8 @@ TEST(HealthStatusConcurrencyTest, AddersAndFlusherNeitherLoseNorDuplicate) {
     threads.emplace_back([t, &addersLeft] {
       for (int i = 0; i < kPerThread; ++i) {
         Helper::AddHealthStatus(PatchMgmtHealthStatus(std::to_string(t) + "-" + std::to_string(i), 2, 1));
+        // Spreads the reports over several switches of the database.
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
       }
       --addersLeft;
     });

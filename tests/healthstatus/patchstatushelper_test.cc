@@ -66,11 +66,11 @@ ahs::PatchAHSMessages ReadMessageFile(const std::string& path) {
 // One log file for the whole binary; each test looks for texts naming its own
 // temporary paths.
 const std::string& LogPath() {
-  static pmtest::TempDir* dir = new pmtest::TempDir();
+  static const pmtest::TempDir dir;
   static const std::string path = [] {
     zagent::LOGGER_NAME = "zelkor-patchmgmt-tool";
-    const std::string logPath = dir->Join("tool.log");
-    util::logger::InitializeLogger(pmtest::WriteLogConfig(dir->Join("log.conf"), logPath), dir->path());
+    const std::string logPath = dir.Join("tool.log");
+    util::logger::InitializeLogger(pmtest::WriteLogConfig(dir.Join("log.conf"), logPath), dir.path());
     return logPath;
   }();
   return path;
@@ -219,10 +219,7 @@ TEST_F(PatchStatusTest, MessageFileDecodesThroughGeneratedClasses) {
   EXPECT_TRUE(QueuedContexts().empty());
   std::lock_guard<std::mutex> guard(Helper::lock_);
   const std::string path = Helper::collectedFilePath_;
-  EXPECT_TRUE(
-      std::regex_match(path, std::regex(std::regex_replace(dir.path(), std::regex(R"([.+])"), R"(\$&)") +
-                                        R"(/PatchAHSMessage_\d+\.dat)")))
-      << path;
+  EXPECT_EQ(path.rfind(dir.Join("PatchAHSMessage_"), 0), 0u) << path;
 
   EXPECT_FALSE(Helper::WriteAhsMessages(Helper::writer, ""));
   EXPECT_FALSE(Helper::WriteAhsMessages(Helper::writer, dir.Join("missing/x.dat")));
