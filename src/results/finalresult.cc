@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <exception>
 #include <fstream>
+#include <vector>
 
 #include "results/resultdocument.h"
 #include "util/files.h"
@@ -14,101 +15,131 @@ namespace patchmgmt {
 
 namespace {
 
-using rapidjson::Value;
-using Allocator = JsonAllocator;
+using Entry = deployer::PatchResultMap::value_type;
 
-// Patch ids and package names live in the results map for the whole call,
-// so the tree refers to them instead of copying every string.
-Value RefString(const std::string& text) { return Value(rapidjson::StringRef(text.data(), text.size())); }
+// The map's entries sorted into the document's arrays, each in patch-id order.
+struct FinalArrays {
+  std::vector<const Entry*> success;
+  std::vector<const Entry*> failed;
+  std::vector<const Entry*> alreadyInstalled;
+  std::vector<const Entry*> notApplicable;
+  std::vector<const Entry*> patchExecutionTime;
+};
 
-Value PackageNames(const std::set<std::string>& names, Allocator& allocator) {
-  Value array(rapidjson::kArrayType);
-  array.Reserve(static_cast<rapidjson::SizeType>(names.size()), allocator);
-  for (const auto& name : names) array.PushBack(RefString(name), allocator);
-  return array;
-}
-
-Value FailedPackages(const std::vector<deployer::FailedPackage>& packages, Allocator& allocator) {
-  Value array(rapidjson::kArrayType);
-  array.Reserve(static_cast<rapidjson::SizeType>(packages.size()), allocator);
-  for (const auto& package : packages) {
-    std::string errorMessage;
-    if (!package.stdOut.empty()) errorMessage = "stdOut: [" + package.stdOut + "], ";
-    errorMessage += package.errorText;
-
-    Value entry(rapidjson::kObjectType);
-    entry.AddMember("name", RefString(package.name), allocator);
-    entry.AddMember("exitCode", Value(package.exitCode), allocator);
-    entry.AddMember(
-        "errorMessage",
-        Value(errorMessage.data(), static_cast<rapidjson::SizeType>(errorMessage.size()), allocator),
-        allocator);
-    array.PushBack(entry, allocator);
+FinalArrays ClassifyResults(const deployer::PatchResultMap& results) {
+  FinalArrays arrays;
+  for (const Entry& entry : results) {
+    const auto& record = entry.second;
+    // Timing is reported for every executed patch, whatever its outcome.
+    if (record && record->executed) arrays.patchExecutionTime.push_back(&entry);
+    if (!record) {
+      PM_ERROR("patch id " << entry.first << " is not processed. Adding it to failed patched");
+      arrays.failed.push_back(&entry);
+    } else if (record->alreadyInstalled) {
+      arrays.alreadyInstalled.push_back(&entry);
+    } else if (record->notApplicable) {
+      arrays.notApplicable.push_back(&entry);
+    } else if (!record->failed) {
+      arrays.success.push_back(&entry);
+    } else {
+      arrays.failed.push_back(&entry);
+    }
   }
-  return array;
+  return arrays;
 }
 
-// A "failed" element from the patch's record.
-Value FailedPatchFromResult(const std::string& patchId, const deployer::PatchResult& result,
-                            Allocator& allocator) {
-  return FailedPatchEntry(RefString(patchId), result.size, PackageNames(result.successPackages, allocator),
-                          PackageNames(result.pendingExecutionPackages, allocator),
-                          PackageNames(result.alreadyInstalledPackages, allocator),
-                          PackageNames(result.notApplicablePackages, allocator),
-                          FailedPackages(result.failedPackages, allocator), allocator);
+void PatchIdArray(ResultTreeBuilder& tree, const char* key, const std::vector<const Entry*>& entries) {
+  tree.Key(key);
+  tree.StartArray();
+  for (const Entry* entry : entries) tree.RefString(entry->first);
+  tree.EndArray();
+}
+
+void PackageNames(ResultTreeBuilder& tree, const char* key, const std::set<std::string>& names) {
+  tree.Key(key);
+  tree.StartArray();
+  for (const auto& name : names) tree.RefString(name);
+  tree.EndArray();
+}
+
+void FailedPackages(ResultTreeBuilder& tree, const std::vector<deployer::FailedPackage>& packages) {
+  tree.Key("failedPackages");
+  tree.StartArray();
+  for (const auto& package : packages) {
+    tree.StartObject();
+    tree.Key("name");
+    tree.RefString(package.name);
+    tree.Key("exitCode");
+    tree.Int64(package.exitCode);
+    tree.Key("errorMessage");
+    if (package.stdOut.empty()) {
+      tree.RefString(package.errorText);
+    } else {
+      tree.JoinedString({"stdOut: [", package.stdOut, "], ", package.errorText});
+    }
+    tree.EndObject();
+  }
+  tree.EndArray();
+}
+
+void FailedPatch(ResultTreeBuilder& tree, const Entry& entry) {
+  const deployer::PatchResult* result = entry.second.get();
+  // A patch that was never processed has no record to report from.
+  if (result == nullptr) {
+    tree.EmptyFailedPatch(entry.first);
+    return;
+  }
+  tree.StartObject();
+  tree.FailedPatchHead(entry.first, result->size);
+  PackageNames(tree, "successPackages", result->successPackages);
+  PackageNames(tree, "pendingExecutionPackages", result->pendingExecutionPackages);
+  PackageNames(tree, "alreadyInstalledPackages", result->alreadyInstalledPackages);
+  PackageNames(tree, "notApplicablePackages", result->notApplicablePackages);
+  FailedPackages(tree, result->failedPackages);
+  tree.EndObject();
 }
 
 void BuildFinalDocument(const JobRunInfo& jobRunInfo, const deployer::PatchResultMap& results,
-                        rapidjson::StringBuffer& text) {
-  rapidjson::Document document(rapidjson::kObjectType);
-  Allocator& allocator = document.GetAllocator();
-
-  Value result = ResultHeader(jobRunInfo, true, "FINAL", allocator);
-  Value success(rapidjson::kArrayType);
-  Value failed(rapidjson::kArrayType);
-  Value alreadyInstalled(rapidjson::kArrayType);
-  Value notApplicable(rapidjson::kArrayType);
-  Value patchExecutionTime(rapidjson::kArrayType);
-  bool executionTimeUsed = false;
-
-  for (const auto& [patchId, record] : results) {
-    if (record && record->executed) {
-      Value timing(rapidjson::kObjectType);
-      timing.AddMember("id", RefString(patchId), allocator);
-      timing.AddMember("duration", Value(record->executionTime), allocator);
-      patchExecutionTime.PushBack(timing, allocator);
-      executionTimeUsed = true;
+                        rapidjson::Document& document) {
+  const FinalArrays arrays = ClassifyResults(results);
+  auto emit = [&](rapidjson::Document& handler) {
+    ResultTreeBuilder tree(handler);
+    tree.StartObject();
+    tree.Key("deploymentResult");
+    tree.StartObject();
+    tree.ResultHeader(jobRunInfo, true, "FINAL");
+    PatchIdArray(tree, "success", arrays.success);
+    tree.Key("failed");
+    tree.StartArray();
+    for (const Entry* entry : arrays.failed) FailedPatch(tree, *entry);
+    tree.EndArray();
+    PatchIdArray(tree, "alreadyInstalled", arrays.alreadyInstalled);
+    // The final document carries the interim document's key set; only
+    // interim documents fill superseded and the in-progress states.
+    tree.EmptyArray("superseded");
+    PatchIdArray(tree, "notApplicable", arrays.notApplicable);
+    if (!arrays.patchExecutionTime.empty()) {
+      tree.Key("patchExecutionTime");
+      tree.StartArray();
+      for (const Entry* entry : arrays.patchExecutionTime) {
+        tree.StartObject();
+        tree.Key("id");
+        tree.RefString(entry->first);
+        tree.Key("duration");
+        tree.Int64(entry->second->executionTime);
+        tree.EndObject();
+      }
+      tree.EndArray();
     }
-    if (!record) {
-      PM_ERROR("patch id " << patchId << " is not processed. Adding it to failed patched");
-      // Nothing is known of its packages.
-      failed.PushBack(EmptyFailedPatchEntry(RefString(patchId), allocator), allocator);
-    } else if (record->alreadyInstalled) {
-      alreadyInstalled.PushBack(RefString(patchId), allocator);
-    } else if (record->notApplicable) {
-      notApplicable.PushBack(RefString(patchId), allocator);
-    } else if (!record->failed) {
-      success.PushBack(RefString(patchId), allocator);
-    } else {
-      failed.PushBack(FailedPatchFromResult(patchId, *record, allocator), allocator);
-    }
-  }
-
-  // The final document carries the interim document's key set; only interim
-  // documents fill superseded and the in-progress states.
-  result.AddMember("success", success, allocator);
-  result.AddMember("failed", failed, allocator);
-  result.AddMember("alreadyInstalled", alreadyInstalled, allocator);
-  result.AddMember("superseded", Value(rapidjson::kArrayType), allocator);
-  result.AddMember("notApplicable", notApplicable, allocator);
-  if (executionTimeUsed) result.AddMember("patchExecutionTime", patchExecutionTime, allocator);
-  result.AddMember("pendingExecution", Value(rapidjson::kArrayType), allocator);
-  result.AddMember("executing", Value(rapidjson::kArrayType), allocator);
-  result.AddMember("pendingReboot", Value(rapidjson::kArrayType), allocator);
-  result.AddMember("pendingVerification", Value(rapidjson::kArrayType), allocator);
-  document.AddMember("deploymentResult", result, allocator);
-
-  SerializeCompact(document, text);
+    tree.EmptyArray("pendingExecution");
+    tree.EmptyArray("executing");
+    tree.EmptyArray("pendingReboot");
+    tree.EmptyArray("pendingVerification");
+    tree.EndObject();
+    tree.EndObject();
+    return true;
+  };
+  document.Populate(emit);
 }
 
 }  // namespace
@@ -125,7 +156,11 @@ int GenerateFinalResult(const std::string& resultDirectory, const JobRunInfo& jo
            << " in file: " << path);
 
   rapidjson::StringBuffer text;
-  BuildFinalDocument(jobRunInfo, results, text);
+  {
+    rapidjson::Document document;
+    BuildFinalDocument(jobRunInfo, results, document);
+    SerializeCompact(document, text);
+  }
 
   try {
     std::ofstream file(path, std::ios::out | std::ios::trunc | std::ios::binary);

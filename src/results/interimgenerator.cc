@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <vector>
 
 #include "healthstatus/patchstatushelper.h"
 #include "results/resultdocument.h"
@@ -17,17 +18,24 @@ namespace patchmgmt {
 
 namespace {
 
-using rapidjson::Value;
+using Entry = InterimResultMap::value_type;
 
-// The states' arrays in the order they appear in the document; a code's array
-// is kStateArrays[code - kInterimPendingExecution].
-constexpr const char* kStateArrays[] = {
-    "pendingExecution", "executing",  "pendingReboot", "pendingVerification", "success",
-    "failed",           "superseded", "notApplicable", "alreadyInstalled",
+// The states' arrays in the order they appear in the document.
+constexpr struct {
+  uint32_t code;
+  const char* key;
+} kStateArrays[] = {
+    {kInterimPendingExecution, "pendingExecution"},
+    {kInterimExecuting, "executing"},
+    {kInterimPendingReboot, "pendingReboot"},
+    {kInterimPendingVerification, "pendingVerification"},
+    {kInterimSuccess, "success"},
+    {kInterimFailed, "failed"},
+    {kInterimAlreadyInstalled, "alreadyInstalled"},
+    {kInterimSuperseded, "superseded"},
+    {kInterimNotApplicable, "notApplicable"},
 };
-constexpr size_t kStateCount = sizeof(kStateArrays) / sizeof(kStateArrays[0]);
-// Where each array goes in the document, by state index.
-constexpr size_t kDocumentOrder[] = {0, 1, 2, 3, 4, 5, 8, 6, 7};
+constexpr size_t kStateCount = kInterimAlreadyInstalled - kInterimPendingExecution + 1;
 
 int64_t NowMilliseconds() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -40,40 +48,50 @@ int64_t NowSeconds() {
       .count();
 }
 
-Value StateElement(uint32_t code, const std::string& patchId, const InterimResult& record,
-                   JsonAllocator& allocator) {
-  Value id(rapidjson::StringRef(patchId.data(), patchId.size()));
-  if (code == kInterimFailed) return EmptyFailedPatchEntry(std::move(id), allocator);
-  if (code == kInterimSuperseded) {
-    Value element(rapidjson::kObjectType);
-    element.AddMember("patchId", id, allocator);
-    element.AddMember(
-        "supersedingPatchId",
-        Value(rapidjson::StringRef(record.supersedingPatchId.data(), record.supersedingPatchId.size())),
-        allocator);
-    return element;
+void StateElement(ResultTreeBuilder& tree, uint32_t code, const Entry& entry) {
+  if (code == kInterimFailed) {
+    tree.EmptyFailedPatch(entry.first);
+  } else if (code == kInterimSuperseded) {
+    tree.StartObject();
+    tree.Key("patchId");
+    tree.RefString(entry.first);
+    tree.Key("supersedingPatchId");
+    tree.RefString(entry.second->supersedingPatchId);
+    tree.EndObject();
+  } else {
+    tree.RefString(entry.first);
   }
-  return id;
 }
 
 }  // namespace
 
 InterimDocument BuildInterimDocument(const InterimResultMap& snapshot, const JobRunInfo& jobRunInfo) {
-  rapidjson::Document document(rapidjson::kObjectType);
-  JsonAllocator& allocator = document.GetAllocator();
-
-  Value result = ResultHeader(jobRunInfo, false, "INTERIM", allocator);
-  Value arrays[kStateCount];
-  for (auto& array : arrays) array.SetArray();
-  for (const auto& [patchId, record] : snapshot) {
+  // The table's codes are consecutive, so a code's array is its offset.
+  std::vector<const Entry*> states[kStateCount];
+  for (const Entry& entry : snapshot) {
+    const auto& record = entry.second;
     if (!record || record->code < kInterimPendingExecution || record->code > kInterimAlreadyInstalled)
       continue;
-    const size_t state = record->code - kInterimPendingExecution;
-    arrays[state].PushBack(StateElement(record->code, patchId, *record, allocator), allocator);
+    states[record->code - kInterimPendingExecution].push_back(&entry);
   }
-  for (size_t state : kDocumentOrder) {
-    result.AddMember(rapidjson::StringRef(kStateArrays[state]), arrays[state], allocator);
-  }
+
+  rapidjson::Document result;
+  auto emit = [&](rapidjson::Document& handler) {
+    ResultTreeBuilder tree(handler);
+    tree.StartObject();
+    tree.ResultHeader(jobRunInfo, false, "INTERIM");
+    for (const auto& state : kStateArrays) {
+      tree.Key(state.key);
+      tree.StartArray();
+      for (const Entry* entry : states[state.code - kInterimPendingExecution]) {
+        StateElement(tree, state.code, *entry);
+      }
+      tree.EndArray();
+    }
+    tree.EndObject();
+    return true;
+  };
+  result.Populate(emit);
 
   InterimDocument interim;
   // The end time is left out of the digest so that documents with the same
@@ -83,11 +101,14 @@ InterimDocument BuildInterimDocument(const InterimResultMap& snapshot, const Job
   FileRep::calculateDigest(FileRep::kDigestSha256, withoutEndTime.GetString(), withoutEndTime.GetSize(),
                            interim.digest, true);
 
+  auto& allocator = result.GetAllocator();
   const std::string endTime = FormatUtcMilliseconds(static_cast<uint64_t>(NowMilliseconds()));
-  result.AddMember("endDateTime",
-                   Value(endTime.data(), static_cast<rapidjson::SizeType>(endTime.size()), allocator),
-                   allocator);
-  document.AddMember("deploymentResult", result, allocator);
+  result.AddMember(
+      "endDateTime",
+      rapidjson::Value(endTime.data(), static_cast<rapidjson::SizeType>(endTime.size()), allocator),
+      allocator);
+  rapidjson::Value document(rapidjson::kObjectType);
+  document.AddMember("deploymentResult", static_cast<rapidjson::Value&>(result), allocator);
 
   rapidjson::StringBuffer text;
   SerializeCompact(document, text);
@@ -139,7 +160,10 @@ InterimResultGeneratorThread::InterimResultGeneratorThread(const JobRunInfo& job
     : jobRunInfo_(jobRunInfo),
       interimDirectory_(std::move(interimDirectory)),
       periodSeconds_(periodSeconds),
-      generateOnStart_(generateOnStart) {}
+      generateOnStart_(generateOnStart) {
+  // The agent hands this flag over; no behaviour of the generator depends on it.
+  static_cast<void>(generateOnStart_);
+}
 
 InterimResultGeneratorThread::~InterimResultGeneratorThread() {
   Shutdown();

@@ -28,8 +28,8 @@ bool WriteInterimResult(const InterimResultMap& snapshot, const JobRunInfo& jobR
 // is held by reference: the run keeps filling it.
 class InterimResultGeneratorThread {
  public:
-  InterimResultGeneratorThread(const JobRunInfo& jobRunInfo, std::string interimDirectory, uint32_t periodSeconds,
-                               bool generateOnStart);
+  InterimResultGeneratorThread(const JobRunInfo& jobRunInfo, std::string interimDirectory,
+                               uint32_t periodSeconds, bool generateOnStart);
   // Stops the worker and joins it.
   ~InterimResultGeneratorThread();
 

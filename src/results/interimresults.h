@@ -24,7 +24,10 @@ enum InterimCode : uint32_t {
 struct InterimResult {
   explicit InterimResult(uint32_t code, int64_t value = 0, std::string supersedingPatchId = {},
                          std::string message = {})
-      : code(code), value(value), supersedingPatchId(std::move(supersedingPatchId)), message(std::move(message)) {}
+      : code(code),
+        value(value),
+        supersedingPatchId(std::move(supersedingPatchId)),
+        message(std::move(message)) {}
 
   uint32_t code;
   // An exit code, or 0.

@@ -1,64 +1,78 @@
 #include "results/resultdocument.h"
 
+#include <algorithm>
+
 #include "util/timestamps.h"
 
 namespace patchmgmt {
 
-using rapidjson::Value;
-
-namespace {
-
-Value CopyString(const std::string& text, JsonAllocator& allocator) {
-  return Value(text.data(), static_cast<rapidjson::SizeType>(text.size()), allocator);
+void ResultTreeBuilder::JoinedString(std::initializer_list<std::string_view> parts) {
+  size_t length = 0;
+  for (auto part : parts) length += part.size();
+  // The document's pool owns the text, as it would a copied string.
+  char* text = static_cast<char*>(handler_.GetAllocator().Malloc(length + 1));
+  char* end = text;
+  for (auto part : parts) end = std::copy(part.begin(), part.end(), end);
+  *end = '\0';
+  RefString(std::string_view(text, length));
 }
 
-}  // namespace
-
-Value ResultHeader(const JobRunInfo& jobRunInfo, bool withEndTime, const char* resultType,
-                   JsonAllocator& allocator) {
-  Value header(rapidjson::kObjectType);
-  header.AddMember("jobId", CopyString(jobRunInfo.jobId, allocator), allocator);
-  header.AddMember("manifestInstanceId", Value(jobRunInfo.manifestInstanceId), allocator);
-  header.AddMember("runId", Value(jobRunInfo.runId), allocator);
-  header.AddMember("vendorId", CopyString(jobRunInfo.vendorId, allocator), allocator);
-  header.AddMember("agentVersion", CopyString(jobRunInfo.agentVersion, allocator), allocator);
-  header.AddMember("startDateTime", CopyString(FormatUtcMilliseconds(jobRunInfo.startTime), allocator),
-                   allocator);
+void ResultTreeBuilder::ResultHeader(const JobRunInfo& jobRunInfo, bool withEndTime, const char* resultType) {
+  Key("jobId");
+  CopyString(jobRunInfo.jobId);
+  Key("manifestInstanceId");
+  Uint64(jobRunInfo.manifestInstanceId);
+  Key("runId");
+  Uint64(jobRunInfo.runId);
+  Key("vendorId");
+  CopyString(jobRunInfo.vendorId);
+  Key("agentVersion");
+  CopyString(jobRunInfo.agentVersion);
+  Key("startDateTime");
+  CopyString(FormatUtcMilliseconds(jobRunInfo.startTime));
   if (withEndTime) {
-    header.AddMember("endDateTime", CopyString(FormatUtcMilliseconds(jobRunInfo.endTime), allocator),
-                     allocator);
+    Key("endDateTime");
+    CopyString(FormatUtcMilliseconds(jobRunInfo.endTime));
   }
   if (!jobRunInfo.jobReceivedDateTime.empty()) {
-    header.AddMember("jobReceivedDateTime", CopyString(jobRunInfo.jobReceivedDateTime, allocator), allocator);
+    Key("jobReceivedDateTime");
+    CopyString(jobRunInfo.jobReceivedDateTime);
   }
-  header.AddMember("resultType", Value(rapidjson::StringRef(resultType)), allocator);
-  return header;
+  Key("resultType");
+  RefString(resultType);
 }
 
-Value FailedPatchEntry(Value id, uint64_t size, Value successPackages, Value pendingExecutionPackages,
-                       Value alreadyInstalledPackages, Value notApplicablePackages, Value failedPackages,
-                       JsonAllocator& allocator) {
-  Value entry(rapidjson::kObjectType);
-  entry.AddMember("id", id, allocator);
-  entry.AddMember("reason", 0, allocator);
-  entry.AddMember("osstatus", 0, allocator);
-  entry.AddMember("httpstatus", 0, allocator);
-  entry.AddMember("size", Value(size), allocator);
-  entry.AddMember("successPackages", successPackages, allocator);
-  entry.AddMember("pendingExecutionPackages", pendingExecutionPackages, allocator);
-  entry.AddMember("alreadyInstalledPackages", alreadyInstalledPackages, allocator);
-  entry.AddMember("notApplicablePackages", notApplicablePackages, allocator);
-  entry.AddMember("failedPackages", failedPackages, allocator);
-  return entry;
+void ResultTreeBuilder::FailedPatchHead(const std::string& patchId, uint64_t size) {
+  Key("id");
+  RefString(patchId);
+  Key("reason");
+  Int(0);
+  Key("osstatus");
+  Int(0);
+  Key("httpstatus");
+  Int(0);
+  Key("size");
+  Uint64(size);
 }
 
-Value EmptyFailedPatchEntry(Value id, JsonAllocator& allocator) {
-  return FailedPatchEntry(std::move(id), 0, Value(rapidjson::kArrayType), Value(rapidjson::kArrayType),
-                          Value(rapidjson::kArrayType), Value(rapidjson::kArrayType),
-                          Value(rapidjson::kArrayType), allocator);
+void ResultTreeBuilder::EmptyFailedPatch(const std::string& patchId) {
+  StartObject();
+  FailedPatchHead(patchId, 0);
+  EmptyArray("successPackages");
+  EmptyArray("pendingExecutionPackages");
+  EmptyArray("alreadyInstalledPackages");
+  EmptyArray("notApplicablePackages");
+  EmptyArray("failedPackages");
+  EndObject();
 }
 
-void SerializeCompact(const Value& value, rapidjson::StringBuffer& out) {
+void ResultTreeBuilder::EmptyArray(const char* key) {
+  Key(key);
+  StartArray();
+  EndArray();
+}
+
+void SerializeCompact(const rapidjson::Value& value, rapidjson::StringBuffer& out) {
   rapidjson::Writer<rapidjson::StringBuffer> writer(out);
   value.Accept(writer);
 }
