@@ -1,5 +1,7 @@
 #include "manifest/deploymentmanifest.h"
 
+#include <cstddef>
+#include <cstring>
 #include <exception>
 #include <new>
 #include <utility>
@@ -13,62 +15,76 @@ namespace {
 
 using JsonValue = rapidjson::Value;
 
+// The value of the first member named `key`, or null. A manifest is looked up
+// some twenty times per patch; taking the name as a literal makes its length a
+// constant, so the comparison is a length check and an inlined memcmp. The
+// object check of the JSON library stays in force: calling this on anything
+// but an object ends the process.
+template <size_t N>
+const JsonValue* FindField(const JsonValue& object, const char (&key)[N]) {
+  for (auto member = object.MemberBegin(); member != object.MemberEnd(); ++member) {
+    if (member->name.GetStringLength() == N - 1 && std::memcmp(member->name.GetString(), key, N - 1) == 0) {
+      return &member->value;
+    }
+  }
+  return nullptr;
+}
+
 // The typed lookups below share one contract: when `key` is absent or holds a
 // value of another JSON type, a required lookup yields kManifestInvalid and an
 // optional one kManifestOk, and `destination` keeps what it had (the model's
 // default). The caller reports the failure, so that each one is logged once,
 // in the words of the level that knows what was being read.
 
-int32_t GetStringField(const JsonValue& object, const char* key, std::string& destination, bool required) {
-  const auto member = object.FindMember(key);
-  if (member == object.MemberEnd() || !member->value.IsString()) {
-    return required ? kManifestInvalid : kManifestOk;
-  }
+template <size_t N>
+int32_t GetStringField(const JsonValue& object, const char (&key)[N], std::string& destination,
+                       bool required) {
+  const JsonValue* value = FindField(object, key);
+  if (value == nullptr || !value->IsString()) return required ? kManifestInvalid : kManifestOk;
   // Names and ids end up as script arguments and file names, which cannot
   // carry a NUL; a "\u0000" escape therefore ends the value.
-  destination.assign(member->value.GetString());
+  destination.assign(value->GetString());
   return kManifestOk;
 }
 
 // A JSON number that fits a signed 32-bit integer; 1.0 or 1e3 do not count.
-int32_t GetInt32Field(const JsonValue& object, const char* key, int32_t& destination, bool required) {
-  const auto member = object.FindMember(key);
-  if (member == object.MemberEnd() || !member->value.IsInt()) {
-    return required ? kManifestInvalid : kManifestOk;
-  }
-  destination = member->value.GetInt();
+template <size_t N>
+int32_t GetInt32Field(const JsonValue& object, const char (&key)[N], int32_t& destination, bool required) {
+  const JsonValue* value = FindField(object, key);
+  if (value == nullptr || !value->IsInt()) return required ? kManifestInvalid : kManifestOk;
+  destination = value->GetInt();
   return kManifestOk;
 }
 
 // A non-negative JSON integer that fits 64 bits.
-int32_t GetUint64Field(const JsonValue& object, const char* key, uint64_t& destination, bool required) {
-  const auto member = object.FindMember(key);
-  if (member == object.MemberEnd() || !member->value.IsUint64()) {
-    return required ? kManifestInvalid : kManifestOk;
-  }
-  destination = member->value.GetUint64();
+template <size_t N>
+int32_t GetUint64Field(const JsonValue& object, const char (&key)[N], uint64_t& destination, bool required) {
+  const JsonValue* value = FindField(object, key);
+  if (value == nullptr || !value->IsUint64()) return required ? kManifestInvalid : kManifestOk;
+  destination = value->GetUint64();
   return kManifestOk;
 }
 
 // JSON true or false; the string "true" is not a bool.
-int32_t GetBoolField(const JsonValue& object, const char* key, bool& destination, bool required) {
-  const auto member = object.FindMember(key);
-  if (member == object.MemberEnd() || !member->value.IsBool()) {
-    return required ? kManifestInvalid : kManifestOk;
-  }
-  destination = member->value.GetBool();
+template <size_t N>
+int32_t GetBoolField(const JsonValue& object, const char (&key)[N], bool& destination, bool required) {
+  const JsonValue* value = FindField(object, key);
+  if (value == nullptr || !value->IsBool()) return required ? kManifestInvalid : kManifestOk;
+  destination = value->GetBool();
   return kManifestOk;
 }
 
 // The value under `key` when it is present and of the wanted kind, else null.
-const JsonValue* FindObjectField(const JsonValue& object, const char* key) {
-  const auto member = object.FindMember(key);
-  return member != object.MemberEnd() && member->value.IsObject() ? &member->value : nullptr;
+template <size_t N>
+const JsonValue* FindObjectField(const JsonValue& object, const char (&key)[N]) {
+  const JsonValue* value = FindField(object, key);
+  return value != nullptr && value->IsObject() ? value : nullptr;
 }
 
-const JsonValue* FindArrayField(const JsonValue& object, const char* key) {
-  const auto member = object.FindMember(key);
-  return member != object.MemberEnd() && member->value.IsArray() ? &member->value : nullptr;
+template <size_t N>
+const JsonValue* FindArrayField(const JsonValue& object, const char (&key)[N]) {
+  const JsonValue* value = FindField(object, key);
+  return value != nullptr && value->IsArray() ? value : nullptr;
 }
 
 void ParseDeferment(const JsonValue& object, Deferment& deferment) {
@@ -163,8 +179,7 @@ void ParseHashes(const JsonValue& value, std::vector<PackageHash>& hashes) {
 int32_t ParseDownloadInfo(const JsonValue& object, DownloadInfo& downloadInfo) {
   GetInt32Field(object, "langid", downloadInfo.langId, false);
   GetStringField(object, "downloadurl", downloadInfo.downloadUrl, false);
-  const auto hashes = object.FindMember("hashesh");
-  if (hashes != object.MemberEnd()) ParseHashes(hashes->value, downloadInfo.hashes);
+  if (const JsonValue* hashes = FindField(object, "hashesh")) ParseHashes(*hashes, downloadInfo.hashes);
   GetStringField(object, "platform", downloadInfo.platform, false);
   const JsonValue* packagesByArch = FindArrayField(object, "packagesbyarch");
   if (packagesByArch == nullptr) {
@@ -176,7 +191,8 @@ int32_t ParseDownloadInfo(const JsonValue& object, DownloadInfo& downloadInfo) {
 
 // Patches are filled in place: on any failure the whole job is dropped, so a
 // half-filled patch is never seen.
-int32_t ParsePatches(const JsonValue& job, const char* key, std::vector<DeploymentPatch>& patches) {
+template <size_t N>
+int32_t ParsePatches(const JsonValue& job, const char (&key)[N], std::vector<DeploymentPatch>& patches) {
   const JsonValue* array = FindArrayField(job, key);
   if (array == nullptr) {
     PM_ERROR("[Patch]:Failed to find array field patches in patches in manifest");
@@ -251,7 +267,7 @@ int32_t ParseJob(const JsonValue& object, DeploymentJob& job, bool& isInstall) {
     return kManifestInvalid;
   }
   GetBoolField(object, "sendJobTelemetryData", job.sendJobTelemetryData, false);
-  if (!object.HasMember("patches")) {
+  if (FindField(object, "patches") == nullptr) {
     PM_ERROR("[Patch]:Failed to find object patches in jobs in manifest");
     return kManifestInvalid;
   }
@@ -328,13 +344,15 @@ int32_t DeploymentJobManifest::ParseManifest(const std::string& path) {
   int32_t result = kManifestOk;
   {
     rapidjson::Document document;
-    // The length is passed so that a NUL byte inside the file is a syntax
-    // error rather than a silent end of the document.
-    document.Parse(content.data(), content.size());
+    // The parser reads the text up to its terminating NUL; a NUL byte inside
+    // the file would otherwise end the document early instead of being the
+    // syntax error it is.
+    const bool hasNul = content.find('\0') != std::string::npos;
+    document.Parse(content.c_str());
     // The DOM holds its own copy of every string: releasing the text now keeps
     // a large manifest from being held three times while the model is built.
     std::string().swap(content);
-    if (document.HasParseError() || !document.IsObject()) {
+    if (hasNul || document.HasParseError() || !document.IsObject()) {
       PM_ERROR("[Patch]:Not valid json document for Deployemnt manifest json.");
       return kManifestInvalid;
     }

@@ -1,0 +1,318 @@
+#include "manifest/deploymentmanifest.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "support/sandbox.h"
+#include "util/json.h"
+#include "zelkor/agent.h"
+#include "zelkor/logger.h"
+
+// After util/json.h, so that the pointer helpers share its consistency hook.
+#include <rapidjson/pointer.h>
+
+namespace patchmgmt {
+namespace {
+
+using pmtest::HasLogLine;
+using pmtest::LogLine;
+
+// One job "job1" of every key the format knows, then a job of another type
+// that lacks everything after "type".
+const char* const kFullManifest = R"({
+  "schemaversion": 3, "manifestinstanceid": 18446744073709551615,
+  "jobs": [
+    {"id": "job1", "runid": -1, "type": "INSTALL", "isimmediate": true, "datetime": "2026-01-02T03:04:05.000Z",
+     "ignoretimeout": false, "timeout": 90, "uploadprogressreports": true,
+     "continueafterpackagefailedforpatch": true, "sendJobTelemetryData": true,
+     "patches": [
+       {"zpatchid": "P1", "vendorpatchid": "V1", "rebootrequire": true,
+        "downloadinfo": [
+          {"langid": 1033, "downloadurl": "https://d/1", "platform": "linux",
+           "hashesh": [{"type": "SHA256", "value": "ab"}, {"value": "cd"}],
+           "packagesbyarch": [{"architecture": "x86_64", "packages": ["a.rpm", "b.rpm"]},
+                              {"architecture": "aarch64", "packages": []}]},
+          {"langid": 7, "packagesbyarch": [{"architecture": "ppc", "packages": ["z"]}]}]},
+       {"zpatchid": "P2", "downloadinfo": [], "rebootrequire": false}],
+     "predeployment": {"message": "m1", "description": "d1", "deferment": {"count": 2, "minutesinterval": 30}},
+     "duringdeployment": {"message": "m2", "description": "d2"},
+     "postdeployment": {"suppressreboots": false,
+                        "rebootoption": {"message": "m3", "deferment": {"count": 1, "minutesinterval": 5}},
+                        "rebootcountdown": {"minutesinterval": 10, "message": "m4", "description": "d4"},
+                        "oncomplete": {"message": "m5"}}},
+    {"id": "job2", "runid": 8, "type": "install"}]})";
+
+// A change to the full manifest: the JSON pointer and the new value as JSON
+// text, or an empty text to remove the key.
+using Edit = std::pair<std::string, std::string>;
+
+class ManifestParseTest : public ::testing::Test {
+ protected:
+  void SetUp() override { UseLogLevel("trace"); }
+
+  void UseLogLevel(const std::string& level) {
+    zagent::LOGGER_NAME = "zelkor-patchmgmt-tool";
+    logPath_ = dir_.Join("tool-" + std::to_string(++logs_) + ".log");
+    const std::string config = pmtest::WriteLogConfig(dir_.Join("log.conf"), logPath_, level);
+    ASSERT_TRUE(util::logger::InitializeLogger(config, dir_.path() + "/"));
+  }
+
+  std::vector<LogLine> Log() const { return pmtest::ReadLog(logPath_); }
+
+  int32_t ParseText(const std::string& text) {
+    manifest_ = DeploymentJobManifest("v1");
+    pmtest::WriteTextFile(path_, text);
+    return manifest_.ParseManifest(path_);
+  }
+
+  int32_t ParseEdited(const std::vector<Edit>& edits) {
+    rapidjson::Document document;
+    document.Parse(kFullManifest);
+    for (const auto& [pointer, json] : edits) {
+      if (json.empty()) {
+        rapidjson::Pointer(pointer.c_str()).Erase(document);
+        continue;
+      }
+      rapidjson::Document value;
+      value.Parse(json.c_str());
+      rapidjson::Pointer(pointer.c_str()).Set(document, static_cast<const rapidjson::Value&>(value));
+    }
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    document.Accept(writer);
+    return ParseText(buffer.GetString());
+  }
+
+  size_t CountPriority(const std::string& priority) const {
+    const auto log = Log();
+    return std::count_if(log.begin(), log.end(),
+                         [&](const LogLine& line) { return line.priority == priority; });
+  }
+
+  pmtest::TempDir dir_;
+  std::string logPath_;
+  int logs_ = 0;
+  std::string path_ = dir_.Join("manifest1.json");
+  DeploymentJobManifest manifest_;
+};
+
+TEST_F(ManifestParseTest, FillsEveryFieldOfTheModelAndKeepsFileOrder) {
+  ASSERT_EQ(ParseText(kFullManifest), kManifestOk);
+  EXPECT_EQ(manifest_.schemaVersion, 3);
+  EXPECT_EQ(manifest_.manifestInstanceId, UINT64_MAX);
+  ASSERT_EQ(manifest_.jobs.size(), 1u);
+  const DeploymentJob& job = manifest_.jobs[0];
+  EXPECT_EQ(job.runId, -1);
+  EXPECT_TRUE(job.isImmediate && job.uploadProgressReports && job.continueAfterPackageFailedForPatch &&
+              job.sendJobTelemetryData && !job.ignoreTimeout);
+  ASSERT_EQ(job.patches.size(), 2u);
+  const DownloadInfo& info = job.patches[0].downloadInfo;
+  EXPECT_EQ(job.patches[0].vendorPatchId, "V1");
+  EXPECT_TRUE(job.patches[0].rebootRequire);
+  // Only the first download record counts.
+  EXPECT_EQ(info.langId, 1033);
+  EXPECT_EQ(info.downloadUrl, "https://d/1");
+  EXPECT_EQ(info.platform, "linux");
+  ASSERT_EQ(info.hashes.size(), 2u);
+  EXPECT_EQ(info.hashes[0].type + info.hashes[0].value + "|" + info.hashes[1].type + info.hashes[1].value,
+            "SHA256ab|cd");
+  ASSERT_EQ(info.packagesByArch.size(), 2u);
+  EXPECT_EQ(info.packagesByArch[0].architecture, "x86_64");
+  EXPECT_EQ(info.packagesByArch[0].packages, (std::vector<std::string>{"a.rpm", "b.rpm"}));
+  EXPECT_TRUE(info.packagesByArch[1].packages.empty());
+  EXPECT_EQ(job.patches[1].patchId, "P2");
+  EXPECT_TRUE(job.patches[1].downloadInfo.packagesByArch.empty());
+  EXPECT_EQ(job.preDeployment.message + job.preDeployment.description, "m1d1");
+  EXPECT_EQ(job.preDeployment.deferment.count * 100 + job.preDeployment.deferment.minutesInterval, 230);
+  EXPECT_EQ(job.duringDeployment.message + job.duringDeployment.description, "m2d2");
+  const PostDeployment& post = job.postDeployment;
+  EXPECT_FALSE(post.suppressReboots);
+  EXPECT_EQ(post.rebootOption.message + "/" + std::to_string(post.rebootOption.deferment.minutesInterval),
+            "m3/5");
+  EXPECT_EQ(post.rebootCountdown.message + std::to_string(post.rebootCountdown.minutesInterval), "m410");
+  EXPECT_EQ(post.onComplete.message, "m5");
+
+  const auto log = Log();
+  EXPECT_TRUE(HasLogLine(log, std::string("[Patch]:Deployment manifest content: ") + kFullManifest, "Trace"));
+  EXPECT_TRUE(
+      HasLogLine(log, "[Patch]:type provided: install for linux job is not valid. supports only \"INSTALL\"",
+                 "Warning"));
+}
+
+TEST_F(ManifestParseTest, DumpWritesTheExactLinesOnlyAtDebugOrFiner) {
+  ASSERT_EQ(ParseEdited({{"/jobs/0/runid", "7"}}), kManifestOk);
+  std::vector<std::string> debug;
+  for (const LogLine& line : Log()) {
+    if (line.priority == "Debug") debug.push_back(line.text);
+  }
+  EXPECT_EQ(debug,
+            (std::vector<std::string>{
+                "[Patch]:Parsing Deployment manifest: " + path_,
+                "[Patch]:Dumping DeploymentManifest: ",
+                "schemaversion: 3\nmanifestInstanceID: 18446744073709551615\n",
+                "[Patch]:Deployment Job: [JobId,RunId,Type,IsImmediate,DateTime,IgnoreTimeout, Timeout]: "
+                "[job1, 7, INSTALL, 1, 2026-01-02T03:04:05.000Z, 0, 90]",
+                "[Patch]:Deployment patch:[zpatchid]: [P1]",
+                "[Patch]:Deployment patch:[zpatchid]: [P2]",
+                "[Patch]:Deployment manifest: " + path_ + " parsed successfully",
+            }));
+
+  UseLogLevel("debug");
+  ASSERT_EQ(ParseText(kFullManifest), kManifestOk);
+  EXPECT_FALSE(pmtest::HasLogPrefix(Log(), "[Patch]:Deployment manifest content: "));
+  UseLogLevel("information");
+  ASSERT_EQ(ParseText(kFullManifest), kManifestOk);
+  EXPECT_EQ(CountPriority("Debug") + CountPriority("Trace"), 0u);
+  EXPECT_EQ(CountPriority("Warning"), 1u);
+}
+
+TEST_F(ManifestParseTest, RequiredKeyMissingOrMistypedFailsWithOneMessageFromItsLevel) {
+  const std::string pba = "/jobs/0/patches/0/downloadinfo/0/packagesbyarch";
+  const std::string schema = "integer field schemaversion in deployement manifest";
+  const struct {
+    std::vector<Edit> edits;
+    std::string message;  // whole, or after "[Patch]:Failed to find "; empty: none of its own
+  } cases[] = {
+      {{{"/schemaversion", ""}}, schema},
+      {{{"/schemaversion", "3.0"}}, schema},
+      {{{"/manifestinstanceid", ""}}, schema},
+      {{{"/manifestinstanceid", "-1"}}, schema},
+      {{{"/manifestinstanceid", "1.5"}}, schema},
+      {{{"/jobs", "{}"}}, "array field jobs in deployement manifest"},
+      {{{"/jobs/0/id", "7"}}, "string field id in jobs in manifest"},
+      {{{"/jobs/0/runid", "2147483648"}}, "integer field runid in jobs in manifest"},
+      {{{"/jobs/0/runid", "1e2"}}, "integer field runid in jobs in manifest"},
+      {{{"/jobs/0/type", ""}}, "string field type in jobs in manifest"},
+      {{{"/jobs/0/isimmediate", "\"true\""}}, "bool field isimmediate in jobs in manifest"},
+      {{{"/jobs/0/datetime", "null"}}, "string field datetime in jobs in manifest"},
+      {{{"/jobs/0/timeout", ""}}, "integer field timeout in jobs in manifest"},
+      {{{"/jobs/0/ignoretimeout", ""}, {"/jobs/0/timeout", ""}}, "integer field timeout in jobs in manifest"},
+      {{{"/jobs/0/ignoretimeout", "\"true\""}, {"/jobs/0/timeout", ""}},
+       "integer field timeout in jobs in manifest"},
+      {{{"/jobs/0/continueafterpackagefailedforpatch", "1"}},
+       "bool field continueafterpackagefailedforpatch in jobs in manifest"},
+      {{{"/jobs/0/patches", ""}}, "object patches in jobs in manifest"},
+      {{{"/jobs/0/patches", "{}"}}, "array field patches in patches in manifest"},
+      {{{"/jobs/0/postdeployment", ""}}, "object field postdeployment in jobs in manifest"},
+      {{{"/jobs/0/postdeployment", "\"x\""}}, "object field postdeployment in jobs in manifest"},
+      {{{"/jobs/0/postdeployment/suppressreboots", ""}},
+       "bool field suppressreboots in postdeployment in manifest"},
+      {{{"/jobs/0/postdeployment/rebootcountdown", "{}"}},
+       "[Patch]:Failed to find: minutesinterval in rebootcountdown in manifest"},
+      {{{"/jobs/0/patches/1/zpatchid", ""}}, "string field zpatchid in patches in manifest"},
+      {{{"/jobs/0/patches/1/downloadinfo", "{}"}}, "array field downloadinfo in patches in manifest"},
+      {{{"/jobs/0/patches/0/rebootrequire", "0"}}, "bool field rebootrequire in patches in manifest"},
+      {{{pba, ""}}, "packagesbyarch in downloadinfo of manifest"},
+      {{{pba + "/1/architecture", ""}}, "string field architecture in packagesbyarch in manifest"},
+      {{{pba + "/1/packages", "\"x\""}}, "array field packages in packagesbyarch in manifest"},
+      {{{pba + "/0/packages/1", "5"}}, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.edits[0].first + " := " + c.edits[0].second);
+    UseLogLevel("trace");
+    EXPECT_EQ(ParseEdited(c.edits), kManifestInvalid);
+    EXPECT_EQ(CountPriority("Error"), c.message.empty() ? 0u : 1u);
+    if (!c.message.empty()) {
+      const std::string full = c.message[0] == '[' ? c.message : "[Patch]:Failed to find " + c.message;
+      EXPECT_TRUE(HasLogLine(Log(), full, "Error"));
+    }
+    EXPECT_FALSE(pmtest::HasLogPrefix(Log(), "[Patch]:Dumping"));
+  }
+}
+
+TEST_F(ManifestParseTest, OptionalKeysOfTheWrongTypeCountAsAbsent) {
+  ASSERT_EQ(ParseEdited({{"/jobs/0/ignoretimeout", "true"}, {"/jobs/0/timeout", ""}}), kManifestOk);
+  EXPECT_EQ(manifest_.jobs[0].timeout, 0);
+  // An ignored time limit is not even read, whatever the file says.
+  ASSERT_EQ(ParseEdited({{"/jobs/0/ignoretimeout", "true"}, {"/jobs/0/timeout", "30"}}), kManifestOk);
+  EXPECT_TRUE(manifest_.jobs[0].ignoreTimeout);
+  EXPECT_EQ(manifest_.jobs[0].timeout, 0);
+
+  ASSERT_EQ(ParseEdited({{"/jobs/0/uploadprogressreports", "1"},
+                         {"/jobs/0/predeployment", "\"x\""},
+                         {"/jobs/0/postdeployment/rebootcountdown", "\"x\""},
+                         {"/jobs/0/patches/0/vendorpatchid", "5"},
+                         {"/jobs/0/patches/0/zpatchid", "\"P1\\u0000tail\""},
+                         {"/jobs/0/patches/0/downloadinfo/0/langid", "\"5\""},
+                         {"/jobs/0/patches/0/downloadinfo/0/hashesh", "{\"type\": \"SHA256\"}"},
+                         {"/jobs/0/patches/0/downloadinfo/1/packagesbyarch", ""}}),
+            kManifestOk);
+  const DeploymentJob& job = manifest_.jobs[0];
+  EXPECT_FALSE(job.uploadProgressReports);
+  EXPECT_TRUE(job.preDeployment.message.empty());
+  EXPECT_EQ(job.preDeployment.deferment.count, 0);
+  EXPECT_EQ(job.postDeployment.rebootCountdown.minutesInterval, 0);
+  EXPECT_EQ(job.patches[0].patchId, "P1");
+  EXPECT_EQ(job.patches[0].vendorPatchId, "");
+  EXPECT_EQ(job.patches[0].downloadInfo.langId, 0);
+  EXPECT_TRUE(job.patches[0].downloadInfo.hashes.empty());
+  EXPECT_EQ(CountPriority("Error"), 0u);
+
+  // A job of another type is skipped before its other keys are looked at.
+  UseLogLevel("trace");
+  ASSERT_EQ(ParseEdited({{"/jobs/0/type", "\"UNINSTALL\""}, {"/jobs/0/isimmediate", ""}}), kManifestOk);
+  EXPECT_TRUE(manifest_.jobs.empty());
+  EXPECT_EQ(CountPriority("Warning"), 2u);
+  ASSERT_EQ(ParseEdited({{"/jobs", "[]"}}), kManifestOk);
+  EXPECT_TRUE(manifest_.jobs.empty());
+}
+
+TEST_F(ManifestParseTest, UnreadableOrNonObjectFilesAreRejected) {
+  const std::string missing = dir_.Join("absent.json");
+  EXPECT_EQ(manifest_.ParseManifest(missing), kManifestUnreadable);
+  EXPECT_TRUE(HasLogLine(Log(), "[Patch]:Error in reading manifest file content: " + missing, "Error"));
+  EXPECT_EQ(ParseText(""), kManifestUnreadable);
+
+  const std::string notJson = "[Patch]:Not valid json document for Deployemnt manifest json.";
+  const std::vector<std::string> texts = {"[]", "{\"schemaversion\": 1,}", "{} {}", std::string("{}\0{}", 5),
+                                          "\"{}\""};
+  for (const std::string& text : texts) {
+    SCOPED_TRACE(text);
+    UseLogLevel("trace");
+    EXPECT_EQ(ParseText(text), kManifestInvalid);
+    EXPECT_TRUE(HasLogLine(Log(), notJson, "Error"));
+  }
+}
+
+// Elements of "jobs" and "patches" are trusted to be objects; when one is not,
+// the process must end at once in every build type rather than read past it.
+TEST_F(ManifestParseTest, NonObjectJobOrPatchEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(ParseEdited({{"/jobs/0", "1"}}), "JSON consistency check failed");
+  EXPECT_DEATH(ParseEdited({{"/jobs/0/patches/1", "\"P2\""}}), "JSON consistency check failed");
+}
+
+TEST(FindDeploymentJobTest, TakesTheFirstJobWithTheSameIdAndSignWidenedRunId) {
+  DeploymentJobManifest manifest;
+  // The date-time field tells which of the jobs was copied out.
+  const auto find = [&](const std::string& id, uint64_t runId) -> std::string {
+    DeploymentJob job;
+    return FindDeploymentJob(manifest, id, runId, job) ? job.dateTime : "none";
+  };
+  EXPECT_EQ(find("job1", 7), "none");
+  const std::vector<std::tuple<std::string, int32_t, std::string>> jobs = {
+      {"job1", 6, "a"},  {"job1", 7, "b"},  {"job1", 7, "c"},
+      {"job10", 8, "d"}, {"jobM", -1, "e"}, {"jobX", INT32_MIN, "f"}};
+  for (const auto& [id, runId, dateTime] : jobs) {
+    DeploymentJob& job = manifest.jobs.emplace_back();
+    std::tie(job.jobId, job.runId, job.dateTime) = std::tie(id, runId, dateTime);
+  }
+  EXPECT_EQ(find("job1", 7), "b");
+  EXPECT_EQ(find("job1", 6), "a");
+  EXPECT_EQ(find("job1", 8), "none");
+  EXPECT_EQ(find("job", 8), "none");
+  EXPECT_EQ(find(std::string("job1\0", 5), 7), "none");
+  EXPECT_EQ(find("jobM", UINT64_MAX), "e");
+  EXPECT_EQ(find("jobM", UINT32_MAX), "none");
+  EXPECT_EQ(find("jobX", static_cast<uint64_t>(int64_t{INT32_MIN})), "f");
+  EXPECT_EQ(find("jobX", uint64_t{1} << 31), "none");
+}
+
+}  // namespace
+}  // namespace patchmgmt
