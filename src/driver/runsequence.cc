@@ -1,0 +1,231 @@
+#include "driver/runsequence.h"
+
+#include <Poco/Exception.h>
+#include <Poco/File.h>
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "args/commandlineargs.h"
+#include "deployer/detach.h"
+#include "driver/toolstopper.h"
+#include "util/log.h"
+#include "zelkor/agent.h"
+#include "zelkor/logger.h"
+
+namespace patchmgmt {
+
+namespace {
+
+using protobuf::CommandlineArgsInProtoBuf;
+
+// Exit statuses that the agent reads.
+constexpr int kSucceeded = 0;
+constexpr int kInvalidArguments = 46;
+constexpr int kUnexpectedException = 47;
+constexpr int kLoggingUnavailable = 53;
+
+// The agent's log directory. The log configuration decides where the file
+// really goes; this is what its ${logdir} stands for.
+const std::string kLogDirectory = "/var/log/zelkor/";
+
+// The shortest interim period the agent may ask for; the check is on 59 so
+// that 60 itself passes.
+constexpr uint64_t kLongestRejectedInterimSeconds = 59;
+
+// What the run keeps from the argument file once it has been validated.
+struct RunContext {
+  // Shared with the patcher for the rest of the run.
+  std::shared_ptr<CommandlineArgsInProtoBuf> arguments;
+
+  std::string jobID;
+  uint64_t runID = 0;
+  std::string vendorID;
+  std::string manifestID;
+  std::string manifestDirectoryPath;
+  std::string statusDBPath;
+  std::string ahsMessageDir;
+  std::string resultDirectory;
+
+  bool isInterimResultEnable = false;
+  std::string interimResultDir;
+  uint64_t interimResultGenerateTimeInSeconds = 0;
+
+  std::string ManifestPath() const { return manifestDirectoryPath + "/" + manifestID + ".json"; }
+  std::string ScriptOutputPath() const { return resultDirectory + "/scriptOutput.json"; }
+};
+
+// ---- Process set-up (before the logger exists, failures go to stderr) ----
+
+void ClearStopFlags() {
+  ToolStopper::Set(ToolStopper::stopSignal_, false);
+  ToolStopper::Set(ToolStopper::isPatchingOn_, false);
+  ToolStopper::Set(ToolStopper::sigUsr1Recv_, false);
+}
+
+std::string LogConfigPath() { return zagent::GetConfigBaseDirPath() + "/" + "zagent-patchmgmt-log.conf"; }
+
+mode_t previousFileCreationMask = 0;
+
+void RestoreFileCreationMask() { umask(previousFileCreationMask); }
+
+// Files the run leaves behind must not be writable by the agent's group.
+void MaskGroupWrite() {
+  previousFileCreationMask = umask(020);
+  std::atexit(RestoreFileCreationMask);
+}
+
+// kSucceeded, or kLoggingUnavailable once the reason is on stderr.
+int SetUpLogging(const std::string& configPath) {
+  if (!Poco::File(configPath).exists()) {
+    std::cerr << "Error: Log config file : " << configPath << " doesn't exit" << std::endl;
+    return kLoggingUnavailable;
+  }
+  if (!util::logger::InitializeLogger(configPath, kLogDirectory)) {
+    std::cerr << "Error: Logger initialization failed" << std::endl;
+    return kLoggingUnavailable;
+  }
+  return kSucceeded;
+}
+
+// ---- Argument checks (each returns kSucceeded or the status to end with) ----
+
+int Usage(const char* program) {
+  PM_ERROR("Usage: " << (program != nullptr ? program : "") << " <arg file name>");
+  return kInvalidArguments;
+}
+
+int LoadArguments(const std::string& path, RunContext& context) {
+  context.arguments = std::make_shared<CommandlineArgsInProtoBuf>();
+  if (!context.arguments->LoadFromFile(path)) {
+    PM_ERROR("Error in deserializing protobuf format input file: " << path);
+    return kInvalidArguments;
+  }
+  return kSucceeded;
+}
+
+int CheckOperationType(const RunContext& context, const char* program) {
+  if (context.arguments->GetArguments().operationtype() != protobuf::pb::CommandlineArguments::PATCH) {
+    return Usage(program);
+  }
+  return kSucceeded;
+}
+
+int ValidateArguments(const RunContext& context) {
+  context.arguments->LogArguments();
+  if (!context.arguments->Validate()) {
+    PM_ERROR("Argument validation failed for patch execution. Exiting.");
+    return kInvalidArguments;
+  }
+  return kSucceeded;
+}
+
+void CopyArguments(RunContext& context) {
+  const protobuf::pb::PatchArguments& patch = context.arguments->GetPatchArguments();
+  context.jobID = patch.jobid();
+  context.runID = patch.runid();
+  context.vendorID = patch.vendorid();
+  context.manifestID = patch.manifestid();
+  context.manifestDirectoryPath = patch.manifestdirectorypath();
+  context.statusDBPath = patch.statusdbpath();
+  context.ahsMessageDir = patch.ahsmessagedir();
+  context.resultDirectory = patch.resultdirectory();
+
+  const protobuf::pb::InterimResultOptions& interim = patch.interimresultoption();
+  context.isInterimResultEnable = interim.isinterimresultenable();
+  context.interimResultDir = interim.interimresultdir();
+  context.interimResultGenerateTimeInSeconds = interim.interimresultgeneratetimeinseconds();
+}
+
+// Validation already required the directory; it may have gone since. Only
+// the last level is created: a missing parent is a misconfigured agent, and
+// the exception ends the run.
+void EnsureResultDirectory(const RunContext& context) {
+  Poco::File directory(context.resultDirectory);
+  if (!directory.exists()) directory.createDirectory();
+}
+
+// Checked whether or not interim results are enabled: the agent always sends
+// a period, and one that is missing or too short means a broken request.
+int CheckInterimInterval(const RunContext& context) {
+  if (context.interimResultGenerateTimeInSeconds <= kLongestRejectedInterimSeconds) {
+    PM_ERROR("Interim result interval must be greater than 60.");
+    return kInvalidArguments;
+  }
+  return kSucceeded;
+}
+
+// Everything between the started logger and the armed stop flags. The checks
+// run in order and the first failure ends the run without any file written.
+int PrepareRun(int argc, char** argv, RunContext& context) {
+  const char* program = argc > 0 ? argv[0] : nullptr;
+  if (argc != 2) return Usage(program);
+  InstallSignalHandlers();
+
+  const std::string argumentFile = argv[1];
+  if (int status = LoadArguments(argumentFile, context); status != kSucceeded) return status;
+  if (int status = CheckOperationType(context, program); status != kSucceeded) return status;
+  if (int status = ValidateArguments(context); status != kSucceeded) return status;
+  CopyArguments(context);
+  EnsureResultDirectory(context);
+  return CheckInterimInterval(context);
+}
+
+// From here on SIGTERM alone no longer ends the tool: a stop during patching
+// must go through SIGUSR1 so that the patcher can end between packages.
+void ArmPatching() { ToolStopper::Set(ToolStopper::isPatchingOn_, true); }
+
+// The job itself: detach from the agent, parse the manifest and find the job,
+// run the patcher with the interim generator beside it, and write the final
+// result document. Returns the tool's return code.
+int RunPatchJob(RunContext& context) {
+  (void)context;
+  // The detach (DetachPatchProcess with resultDirectory, jobID and the run id
+  // as "%ld" text), the manifest look-up (45, 62), the patcher with
+  // JobRunInfo and the interim generator, and the final result writer (49)
+  // follow here, each as one call into its subsystem.
+  return kSucceeded;
+}
+
+// The one way out after the arguments were accepted: the exit-code file
+// carries the outcome to the agent, which no longer waits for this process.
+int FinishRun(int code) {
+  ExitCodeFile::exitCode_ = code;
+  // ExitCodeFile::Save() is called here once the detach, which names and
+  // creates the file, is part of the run.
+  PM_DEBUG("Tool execution return code: " << code);
+  PM_INFO("Tool execution completed");
+  return code;
+}
+
+}  // namespace
+
+int RunTool(int argc, char** argv) {
+  try {
+    ClearStopFlags();
+    const std::string logConfigPath = LogConfigPath();
+    zagent::LOGGER_NAME = "zelkor-patchmgmt-tool";
+    MaskGroupWrite();
+    if (int status = SetUpLogging(logConfigPath); status != kSucceeded) return status;
+    PM_INFO("Started tool execution");
+
+    RunContext context;
+    if (int status = PrepareRun(argc, argv, context); status != kSucceeded) return status;
+    ArmPatching();
+    return FinishRun(RunPatchJob(context));
+  } catch (const Poco::Exception& e) {
+    PM_WARNING("Exception: patchmgmt-tool:main. " << e.displayText());
+    return FinishRun(kUnexpectedException);
+  } catch (const std::exception& e) {
+    PM_WARNING("Exception: patchmgmt-tool:main. " << e.what());
+    return FinishRun(kUnexpectedException);
+  } catch (...) {
+    return kUnexpectedException;
+  }
+}
+
+}  // namespace patchmgmt
