@@ -1,0 +1,51 @@
+#include "driver/toolstopper.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace {
+
+using patchmgmt::ToolStopper;
+
+// Each case runs in a forked child: the stop ends that child, never the test.
+// (SIGTERM before arming is covered end to end.)
+TEST(ToolStopperDeathTest, ArmedPatchingIgnoresSigtermUntilSigusr1Came) {
+  EXPECT_EXIT(
+      {
+        patchmgmt::InstallSignalHandlers();
+        ToolStopper::Set(ToolStopper::isPatchingOn_, true);
+        raise(SIGTERM);
+        std::_Exit(ToolStopper::sigUsr1Recv_ ? 1 : 3);
+      },
+      ::testing::ExitedWithCode(3), "");
+  EXPECT_EXIT(
+      {
+        patchmgmt::InstallSignalHandlers();
+        ToolStopper::Set(ToolStopper::isPatchingOn_, true);
+        raise(SIGUSR1);
+        if (!ToolStopper::sigUsr1Recv_) std::_Exit(1);
+        raise(SIGTERM);
+        std::_Exit(0);
+      },
+      ::testing::ExitedWithCode(57), "");
+}
+
+TEST(ToolStopperDeathTest, BrokenPipeNeverEndsTheTool) {
+  EXPECT_EXIT(
+      {
+        patchmgmt::InstallSignalHandlers();
+        int fds[2];
+        if (pipe(fds) != 0) std::_Exit(1);
+        close(fds[0]);
+        const bool failed = write(fds[1], "x", 1) < 0 && errno == EPIPE;
+        raise(SIGPIPE);
+        std::_Exit(failed ? 4 : 2);
+      },
+      ::testing::ExitedWithCode(4), "");
+}
+
+}  // namespace
