@@ -88,12 +88,16 @@ std::vector<InterimFile> InterimFiles(const std::string& dir, bool generating = 
   return files;
 }
 
-// The text of the first logged message that starts with `prefix`.
-std::string LoggedText(const std::string& logPath, const std::string& prefix) {
+// The temporary path that the last write announced, or "".
+std::string LoggedTemporaryPath(const std::string& logPath) {
+  static const std::regex kLine(R"(Using temp file name (.*/PatchInterimResult_\d+\.json\.tmp))"
+                                R"( for interim result generation\.)");
+  std::string path;
   for (const auto& line : pmtest::ReadLog(logPath)) {
-    if (line.text.rfind(prefix, 0) == 0) return line.text;
+    std::smatch match;
+    if (std::regex_match(line.text, match, kLine)) path = match[1];
   }
-  return "";
+  return path;
 }
 
 bool Logged(const std::string& logPath, const std::string& text) {
@@ -169,16 +173,11 @@ TEST(WriteInterimResultTest, NamesTheFileByTimeAndDigest) {
   EXPECT_EQ(DigestOfWrittenDocument(text), first.digest);
 
   const std::string finalPath = interimDir + "/" + first.name;
-  const std::string tempLine =
-      LoggedText(logPath, "Using temp file name " + interimDir + "/PatchInterimResult_");
-  const std::regex kTempLine("Using temp file name (" + interimDir +
-                             R"(/PatchInterimResult_\d+\.json\.tmp))" +
-                             R"( for interim result generation\.)");
-  std::smatch tempPath;
-  ASSERT_TRUE(std::regex_match(tempLine, tempPath, kTempLine)) << tempLine;
+  const std::string tempPath = LoggedTemporaryPath(logPath);
+  EXPECT_EQ(tempPath.rfind(interimDir + "/", 0), 0u) << tempPath;
   EXPECT_TRUE(Logged(logPath, "Created digest as - " + first.digest));
   EXPECT_TRUE(Logged(logPath, "Using file name " + finalPath + " for interim result generation"));
-  EXPECT_TRUE(Logged(logPath, "Renaming file " + tempPath[1].str() + "  to " + finalPath));
+  EXPECT_TRUE(Logged(logPath, "Renaming file " + tempPath + "  to " + finalPath));
 
   // Equal content gives the same digest whenever it is written; within one
   // second the later document replaces the earlier.
@@ -218,8 +217,8 @@ TEST(WriteInterimResultTest, FailedRenameRemovesTheTemporaryFile) {
   EXPECT_TRUE(WriteInterimResult(snapshot, SampleJob(), interimDir));
 
   EXPECT_EQ(pmtest::ListDir(interimDir), blockers);
-  const std::string tempLine = LoggedText(logPath, "Using temp file name ");
-  const std::string tempPath = tempLine.substr(21, tempLine.find(" for interim") - 21);
+  const std::string tempPath = LoggedTemporaryPath(logPath);
+  ASSERT_FALSE(tempPath.empty());
   EXPECT_TRUE(Logged(logPath, "Failed to rename file " + tempPath + " error :" + util::strerror(EISDIR)));
   EXPECT_TRUE(Logged(logPath, "Removing file: " + tempPath));
 }
@@ -232,8 +231,8 @@ TEST(WriteInterimResultTest, MissingDirectoryFailsWithoutAFile) {
   EXPECT_FALSE(WriteInterimResult({}, SampleJob(), missing));
 
   EXPECT_FALSE(pmtest::PathExists(missing));
-  const std::string tempLine = LoggedText(logPath, "Using temp file name ");
-  const std::string tempPath = tempLine.substr(21, tempLine.find(" for interim") - 21);
+  const std::string tempPath = LoggedTemporaryPath(logPath);
+  ASSERT_FALSE(tempPath.empty());
   EXPECT_TRUE(Logged(
       logPath, "Failed to open file " + tempPath + " in write mode.  error :" + util::strerror(ENOENT)));
 }
