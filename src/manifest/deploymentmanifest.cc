@@ -344,15 +344,17 @@ int32_t DeploymentJobManifest::ParseManifest(const std::string& path) {
   int32_t result = kManifestOk;
   {
     rapidjson::Document document;
-    // The parser reads the text up to its terminating NUL; a NUL byte inside
-    // the file would otherwise end the document early instead of being the
-    // syntax error it is.
-    const bool hasNul = content.find('\0') != std::string::npos;
-    document.Parse(content.c_str());
+    // The parser reads the text up to its terminating NUL, so a NUL byte inside
+    // the file would end the document early; where the parser stopped tells
+    // whether the whole file was read, and a file that was not is the syntax
+    // error it looks like.
+    rapidjson::StringStream stream(content.c_str());
+    document.ParseStream(stream);
+    const bool readWhole = stream.Tell() == content.size();
     // The DOM holds its own copy of every string: releasing the text now keeps
     // a large manifest from being held three times while the model is built.
     std::string().swap(content);
-    if (hasNul || document.HasParseError() || !document.IsObject()) {
+    if (!readWhole || document.HasParseError() || !document.IsObject()) {
       PM_ERROR("[Patch]:Not valid json document for Deployemnt manifest json.");
       return kManifestInvalid;
     }
