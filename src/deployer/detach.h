@@ -9,7 +9,13 @@ namespace patchmgmt {
 // child (own session, working directory "/", exit-code file created); the
 // calling process ends here with 0 once the child acknowledged or ten seconds
 // passed. Ends with 44 (no pipe) or 58 (no fork, or no session).
-void DetachPatchProcess(const std::string& resultDirectory, const std::string& jobId, const std::string& runId);
+void DetachPatchProcess(const std::string& resultDirectory, const std::string& jobId,
+                        const std::string& runId);
+
+// Remembers the descriptors above standard error that the process was started
+// with, so that the detached child can close exactly those. Call first thing,
+// before anything of the tool's own is opened.
+void RecordInheritedDescriptors();
 
 // The file through which the detached child hands its exit status to the agent:
 // resultDirectory + "/." + jobId + "." + runId + "." + pid + ".exit".

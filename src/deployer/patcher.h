@@ -53,8 +53,9 @@ class Patcher : public IPatcher {
  public:
   explicit Patcher(ScriptSettings settings) : settings_(std::move(settings)) {}
 
-  int32_t DeployPatch(const DeploymentPatch& patch, bool continueAfterPackageFailedForPatch, bool ignoreTimeout,
-                      int64_t windowEnd, PatchResultMap& results, volatile bool* stopRequested) override;
+  int32_t DeployPatch(const DeploymentPatch& patch, bool continueAfterPackageFailedForPatch,
+                      bool ignoreTimeout, int64_t windowEnd, PatchResultMap& results,
+                      volatile bool* stopRequested) override;
 
   // Runs the script for one package and files the package under its outcome.
   // Returns the package's PackageInstallStatus; 3 when anything throws.

@@ -4,7 +4,9 @@
 #include <Poco/File.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -12,7 +14,13 @@
 
 #include "args/commandlineargs.h"
 #include "deployer/detach.h"
+#include "deployer/patcher.h"
 #include "driver/toolstopper.h"
+#include "healthstatus/patchstatushelper.h"
+#include "manifest/deploymentmanifest.h"
+#include "results/finalresult.h"
+#include "results/interimgenerator.h"
+#include "results/jobruninfo.h"
 #include "util/log.h"
 #include "zelkor/agent.h"
 #include "zelkor/logger.h"
@@ -25,9 +33,11 @@ using protobuf::CommandlineArgsInProtoBuf;
 
 // Exit statuses that the agent reads.
 constexpr int kSucceeded = 0;
+constexpr int kManifestNotParsed = 45;
 constexpr int kInvalidArguments = 46;
 constexpr int kUnexpectedException = 47;
 constexpr int kLoggingUnavailable = 53;
+constexpr int kJobNotFound = 62;
 
 // The agent's log directory. The log configuration decides where the file
 // really goes; this is what its ${logdir} stands for.
@@ -179,24 +189,123 @@ int PrepareRun(int argc, char** argv, RunContext& context) {
 // must go through SIGUSR1 so that the patcher can end between packages.
 void ArmPatching() { ToolStopper::Set(ToolStopper::isPatchingOn_, true); }
 
-// The job itself: detach from the agent, parse the manifest and find the job,
-// run the patcher with the interim generator beside it, and write the final
-// result document. Returns the tool's return code.
-int RunPatchJob(RunContext& context) {
-  (void)context;
-  // The detach (DetachPatchProcess with resultDirectory, jobID and the run id
-  // as "%ld" text), the manifest look-up (45, 62), the patcher with
-  // JobRunInfo and the interim generator, and the final result writer (49)
-  // follow here, each as one call into its subsystem.
+// ---- The job, in the detached child ----
+
+// Wall-clock times of the run as the result documents report them.
+class RunStopwatch {
+ public:
+  RunStopwatch() : start_(Now()) {}
+  void Stop() { end_ = Now(); }
+  uint64_t StartMilliseconds() const { return Milliseconds(start_); }
+  uint64_t EndMilliseconds() const { return Milliseconds(end_); }
+  uint64_t ElapsedMilliseconds() const { return Milliseconds(end_) - Milliseconds(start_); }
+
+ private:
+  static int64_t Now() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+  }
+  static uint64_t Milliseconds(int64_t nanoseconds) { return static_cast<uint64_t>(nanoseconds / 1000000); }
+
+  int64_t start_;
+  int64_t end_ = 0;
+};
+
+// Leaves the agent: only the detached child returns from here.
+void Detach(const RunContext& context) {
+  char runId[32];
+  std::snprintf(runId, sizeof runId, "%ld", static_cast<long>(context.runID));
+  DetachPatchProcess(context.resultDirectory, context.jobID, runId);
+  // The status database is opened by the process that writes to it.
+  PatchStatusHelper::SetStatusPaths(context.ahsMessageDir, context.statusDBPath);
+}
+
+// Parses the manifest and copies out the job to run. kSucceeded, 45 or 62.
+int LoadJob(const RunContext& context, DeploymentJob& job, uint64_t& manifestInstanceId) {
+  auto manifest = std::make_shared<DeploymentJobManifest>(context.vendorID);
+  const std::string path = context.ManifestPath();
+  if (manifest->ParseManifest(path) != kManifestOk) {
+    PM_ERROR("Failed to parse deployment manifest: " << path);
+    return kManifestNotParsed;
+  }
+  PM_DEBUG("Successfully parsed manifest: " << path);
+  if (!FindDeploymentJob(*manifest, context.jobID, context.runID, job)) {
+    PM_ERROR("Failed to find jobId: " << context.jobID);
+    return kJobNotFound;
+  }
+  PM_DEBUG("Found jobid and runId in job manifest");
+  manifestInstanceId = manifest->manifestInstanceId;
   return kSucceeded;
 }
 
-// The one way out after the arguments were accepted: the exit-code file
-// carries the outcome to the agent, which no longer waits for this process.
-int FinishRun(int code) {
-  ExitCodeFile::exitCode_ = code;
-  // ExitCodeFile::Save() is called here once the detach, which names and
-  // creates the file, is part of the run.
+// The agent's receipt time is only reported for jobs that ask for telemetry.
+JobRunInfo MakeJobRunInfo(const RunContext& context, const DeploymentJob& job, uint64_t manifestInstanceId,
+                          uint64_t startMilliseconds) {
+  const protobuf::pb::PatchArguments& patch = context.arguments->GetPatchArguments();
+  return JobRunInfo{context.jobID,
+                    manifestInstanceId,
+                    context.runID,
+                    context.vendorID,
+                    startMilliseconds,
+                    0,
+                    patch.agentdetails().agentversion(),
+                    job.sendJobTelemetryData ? patch.jobrecvtime() : std::string()};
+}
+
+// Runs the patcher with the interim generator beside it and writes the final
+// result document. The patcher's code, or 49 when the document failed.
+int DeployJob(const RunContext& context, DeploymentJob& job, uint64_t manifestInstanceId) {
+  deployer::ScriptSettings settings;
+  settings.deploymentScriptPath = context.arguments->GetDeploymentScriptPath();
+  settings.scriptOutputPath = context.ScriptOutputPath();
+  auto patcher = std::make_shared<deployer::Patcher>(settings);
+
+  RunStopwatch stopwatch;
+  JobRunInfo jobRunInfo = MakeJobRunInfo(context, job, manifestInstanceId, stopwatch.StartMilliseconds());
+  // Declared after jobRunInfo, which it reads, so that it is stopped and
+  // joined first on every way out, an exception included.
+  std::shared_ptr<InterimResultGeneratorThread> interimGenerator;
+  if (context.isInterimResultEnable) {
+    interimGenerator = std::make_shared<InterimResultGeneratorThread>(
+        jobRunInfo, context.interimResultDir,
+        static_cast<uint32_t>(context.interimResultGenerateTimeInSeconds), true);
+    interimGenerator->Start();
+  }
+
+  deployer::PatchResultMap results;
+  int code = deployer::RunPatchDeployment(patcher, results, context.arguments, job);
+  stopwatch.Stop();
+  // Only the end time changes: the generator may be reading the rest.
+  jobRunInfo.endTime = stopwatch.EndMilliseconds();
+  if (GenerateFinalResult(context.resultDirectory, jobRunInfo, results) != kSucceeded)
+    code = kResultWriteFailed;
+  PM_INFO("Patching finished. Total time (seconds) of patching: " << stopwatch.ElapsedMilliseconds() / 1000);
+  interimGenerator.reset();
+  return code;
+}
+
+// The job itself: detach from the agent, parse the manifest and find the job,
+// run the patcher, write the final result document. Returns the tool's code.
+int RunPatchJob(RunContext& context, bool& detached) {
+  Detach(context);
+  detached = true;
+  DeploymentJob job;
+  uint64_t manifestInstanceId = 0;
+  if (int status = LoadJob(context, job, manifestInstanceId); status != kSucceeded) return status;
+  return DeployJob(context, job, manifestInstanceId);
+}
+
+// The one way out once the arguments were accepted. After the detach the
+// exit-code file is the only way the outcome reaches the agent, and health
+// records that never reached the database go to a message file rather than
+// being lost with the process.
+int FinishRun(int code, bool detached) {
+  if (detached) {
+    PatchStatusHelper::SaveQueuedStatuses();
+    ExitCodeFile::exitCode_ = code;
+    ExitCodeFile::Save();
+  }
   PM_DEBUG("Tool execution return code: " << code);
   PM_INFO("Tool execution completed");
   return code;
@@ -205,6 +314,8 @@ int FinishRun(int code) {
 }  // namespace
 
 int RunTool(int argc, char** argv) {
+  RecordInheritedDescriptors();
+  bool detached = false;
   try {
     ClearStopFlags();
     const std::string logConfigPath = LogConfigPath();
@@ -216,13 +327,14 @@ int RunTool(int argc, char** argv) {
     RunContext context;
     if (int status = PrepareRun(argc, argv, context); status != kSucceeded) return status;
     ArmPatching();
-    return FinishRun(RunPatchJob(context));
+    const int code = RunPatchJob(context, detached);
+    return FinishRun(code, detached);
   } catch (const Poco::Exception& e) {
     PM_WARNING("Exception: patchmgmt-tool:main. " << e.displayText());
-    return FinishRun(kUnexpectedException);
+    return FinishRun(kUnexpectedException, detached);
   } catch (const std::exception& e) {
     PM_WARNING("Exception: patchmgmt-tool:main. " << e.what());
-    return FinishRun(kUnexpectedException);
+    return FinishRun(kUnexpectedException, detached);
   } catch (...) {
     return kUnexpectedException;
   }
