@@ -17,10 +17,11 @@ namespace {
 // message as it is written, so nothing observable is lost by skipping them.
 [[noreturn]] void EndStopped() { _exit(kStoppedExitCode); }
 
-void Install(int signalNumber, void (*handler)(int)) {
+void Install(int signalNumber, void (*handler)(int), int blockedMeanwhile = 0) {
   struct sigaction action {};
   action.sa_handler = handler;
   sigemptyset(&action.sa_mask);
+  if (blockedMeanwhile != 0) sigaddset(&action.sa_mask, blockedMeanwhile);
   // Interrupted system calls resume, as they do under signal(): a stop
   // request that is not honoured must not make a read or a wait fail.
   action.sa_flags = SA_RESTART;
@@ -38,7 +39,11 @@ void handleSigTerm(int) {
 void InstallSignalHandlers() {
   Install(SIGTERM, handleSigTerm);
   Install(SIGPIPE, SIG_IGN);
-  Install(SIGUSR1, handleSigUsr1);
+  // The agent sends SIGUSR1 and then SIGTERM. When both are pending at once
+  // the kernel would start the SIGTERM handler on top of the SIGUSR1 one,
+  // before the flag is set; holding SIGTERM back until the flag is stored
+  // makes the pair end the run as the agent meant.
+  Install(SIGUSR1, handleSigUsr1, SIGTERM);
 }
 
 }  // namespace patchmgmt

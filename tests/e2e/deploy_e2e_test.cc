@@ -1,0 +1,161 @@
+// Whole job runs of the built tool: detach, stop signals, exit-code file.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "gtest/gtest.h"
+#include "support/sandbox.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using pmtest::ToolProcess;
+using pmtest::ToolSandbox;
+
+// A deployment script that announces each package and then waits for the
+// test to release it, so that signals land while a package is running.
+void WriteGatedScript(const ToolSandbox& sandbox, int customExitCode = 0) {
+  const std::string marks = sandbox.root.path();
+  sandbox.WriteScript("touch \"" + marks +
+                      "/$1.started\"\n"
+                      "i=0\n"
+                      "while [ ! -e \"" +
+                      marks +
+                      "/release\" ] && [ $i -lt 600 ]; do sleep 0.05; i=$((i+1)); done\n"
+                      "echo '{\"customExitCode\":" +
+                      std::to_string(customExitCode) + ",\"exitCode\":0}' > \"$2\"");
+}
+
+bool Started(const ToolSandbox& sandbox, const std::string& package) {
+  return pmtest::PathExists(sandbox.root.Join(package + ".started"));
+}
+
+void Release(const ToolSandbox& sandbox) { pmtest::WriteTextFile(sandbox.root.Join("release"), ""); }
+
+// Field 6 of /proc/<pid>/stat: the session id.
+pid_t SessionOf(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string content((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  std::istringstream rest(content.substr(content.rfind(')') + 2));
+  char state;
+  pid_t ppid, group, session = -1;
+  rest >> state >> ppid >> group >> session;
+  return session;
+}
+
+std::string ThreePatchManifest() {
+  return pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {"p1a", "p1b"}) + "," +
+                                     pmtest::PatchJson("P2", {"p2a"}) + "," +
+                                     pmtest::PatchJson("P3", {"p3a"}));
+}
+
+TEST(DeployE2E, Sigusr1DuringTheFirstPatchLetsThePackageFinishAndStopsWith57) {
+  ToolSandbox sandbox;
+  sandbox.WriteManifest(ThreePatchManifest());
+  WriteGatedScript(sandbox);
+  ToolProcess tool(sandbox, {sandbox.WriteArgs()});
+  ASSERT_EQ(tool.WaitParent(), 0);
+  ASSERT_TRUE(pmtest::WaitFor([&] { return Started(sandbox, "p1a"); }, 20s));
+
+  ASSERT_EQ(kill(tool.ChildPid(), SIGUSR1), 0);
+  Release(sandbox);
+  EXPECT_EQ(tool.WaitChild(), 57);
+
+  EXPECT_TRUE(pmtest::PathExists(sandbox.resultDir + "/scriptOutput.json")) << "the running package finished";
+  for (const char* package : {"p1b", "p2a", "p3a"}) EXPECT_FALSE(Started(sandbox, package)) << package;
+  EXPECT_EQ(pmtest::ReadTextFile(sandbox.resultDir + "/" + sandbox.ExitCodeFileName()), "");
+  EXPECT_FALSE(pmtest::PathExists(sandbox.resultDir + "/job1_7_status.json"));
+}
+
+TEST(DeployE2E, SigtermDuringPatchingIsIgnoredUnlessSigusr1CameFirst) {
+  {
+    ToolSandbox sandbox;
+    sandbox.WriteManifest(ThreePatchManifest());
+    WriteGatedScript(sandbox);
+    ToolProcess tool(sandbox, {sandbox.WriteArgs()});
+    ASSERT_EQ(tool.WaitParent(), 0);
+    ASSERT_TRUE(pmtest::WaitFor([&] { return Started(sandbox, "p1a"); }, 20s));
+    ASSERT_EQ(kill(tool.ChildPid(), SIGTERM), 0);
+    Release(sandbox);
+    EXPECT_EQ(tool.WaitChild(), 0);
+    EXPECT_TRUE(Started(sandbox, "p3a"));
+    EXPECT_EQ(pmtest::ReadTextFile(sandbox.resultDir + "/" + sandbox.ExitCodeFileName()), "0");
+  }
+  {
+    ToolSandbox sandbox;
+    sandbox.WriteManifest(ThreePatchManifest());
+    WriteGatedScript(sandbox);
+    ToolProcess tool(sandbox, {sandbox.WriteArgs()});
+    ASSERT_EQ(tool.WaitParent(), 0);
+    ASSERT_TRUE(pmtest::WaitFor([&] { return Started(sandbox, "p1a"); }, 20s));
+    ASSERT_EQ(kill(tool.ChildPid(), SIGUSR1), 0);
+    ASSERT_EQ(kill(tool.ChildPid(), SIGTERM), 0);
+    // Ends while the package is still held: the SIGTERM itself ended it.
+    EXPECT_EQ(tool.WaitChild(20s), 57);
+    EXPECT_FALSE(pmtest::PathExists(sandbox.resultDir + "/scriptOutput.json"));
+    Release(sandbox);
+  }
+}
+
+TEST(DeployE2E, DetachedChildLeavesTheAgentAndRecordsItsExitCode) {
+  ToolSandbox sandbox;
+  sandbox.WriteManifest(pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {"kernel"}, "noarch", true)));
+  WriteGatedScript(sandbox);
+  // A descriptor of the agent's that the tool inherits: once the detached
+  // child holds nothing of the agent's, the read end sees end-of-file.
+  int agentPipe[2];
+  ASSERT_EQ(pipe(agentPipe), 0);
+  ToolProcess tool(sandbox, {sandbox.WriteArgs()});
+  close(agentPipe[1]);
+
+  // The agent reads the tool's stdout and stderr to end-of-file: that
+  // returns while the job is still running.
+  ASSERT_EQ(tool.WaitParent(), 0);
+  ASSERT_TRUE(pmtest::WaitFor([&] { return Started(sandbox, "kernel"); }, 20s));
+  const pid_t child = tool.ChildPid();
+  ASSERT_GT(child, 0);
+  EXPECT_EQ(kill(child, 0), 0) << "the job is still running";
+  fcntl(agentPipe[0], F_SETFL, O_NONBLOCK);
+  char byte;
+  EXPECT_EQ(read(agentPipe[0], &byte, 1), 0) << "the detached child still holds the agent's pipe";
+  close(agentPipe[0]);
+
+  EXPECT_EQ(SessionOf(child), child);
+  char cwd[256] = {};
+  ASSERT_GT(readlink(("/proc/" + std::to_string(child) + "/cwd").c_str(), cwd, sizeof cwd - 1), 0);
+  EXPECT_STREQ(cwd, "/");
+
+  Release(sandbox);
+  EXPECT_EQ(tool.WaitChild(), 55);
+  const std::string name = sandbox.ExitCodeFileName();
+  EXPECT_EQ(name, ".job1.7." + std::to_string(child) + ".exit");
+  EXPECT_EQ(pmtest::ReadTextFile(sandbox.resultDir + "/" + name), "55");
+  if (ToolProcess::CanIsolateCgroup()) {
+    EXPECT_EQ(pmtest::ReadTextFile(sandbox.cgroupDir + "/tasks"), std::to_string(child));
+  }
+}
+
+TEST(DeployE2E, PackageNamesReachTheScriptAsOneLiteralArgument) {
+  ToolSandbox sandbox;
+  const std::string marker = sandbox.root.Join("smuggled");
+  const std::string hostile1 = "a;touch " + marker;
+  const std::string hostile2 = "$(touch " + marker + ")";
+  sandbox.WriteManifest(pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {hostile1, hostile2})));
+  const std::string seen = sandbox.root.Join("seen");
+  sandbox.WriteScript("printf '%s|%s\\n' \"$#\" \"$1\" >> \"" + seen +
+                      "\"\necho '{\"customExitCode\":0,\"exitCode\":0}' > \"$2\"");
+  ToolProcess tool(sandbox, {sandbox.WriteArgs()});
+  ASSERT_EQ(tool.WaitParent(), 0);
+  ASSERT_EQ(tool.WaitChild(), 0);
+  EXPECT_EQ(pmtest::ReadTextFile(seen), "3|" + hostile1 + "\n3|" + hostile2 + "\n");
+  EXPECT_FALSE(pmtest::PathExists(marker));
+  EXPECT_TRUE(pmtest::HasLogPrefix(sandbox.Log(), "Executing deployment command: " + sandbox.scriptPath +
+                                                      " " + hostile1 + " " + sandbox.resultDir +
+                                                      "/scriptOutput.json "));
+}
+
+}  // namespace
