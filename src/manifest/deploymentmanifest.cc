@@ -149,7 +149,10 @@ int32_t ParsePackagesByArch(const JsonValue& array, std::vector<PackagesByArch>&
   packagesByArch.reserve(packagesByArch.size() + array.Size());
   for (const JsonValue& element : array.GetArray()) {
     PackagesByArch& entry = packagesByArch.emplace_back();
-    if (GetStringField(element, "architecture", entry.architecture, true) != kManifestOk) {
+    // An entry that is not an object has no architecture: a broken manifest
+    // must end in a reported failure, not in a process that leaves no result.
+    if (!element.IsObject() ||
+        GetStringField(element, "architecture", entry.architecture, true) != kManifestOk) {
       PM_ERROR("[Patch]:Failed to find string field architecture in packagesbyarch in manifest");
       return kManifestInvalid;
     }
@@ -170,6 +173,7 @@ void ParseHashes(const JsonValue& value, std::vector<PackageHash>& hashes) {
   if (!value.IsArray()) return;
   hashes.reserve(hashes.size() + value.Size());
   for (const JsonValue& element : value.GetArray()) {
+    if (!element.IsObject()) continue;
     PackageHash& hash = hashes.emplace_back();
     GetStringField(element, "type", hash.type, false);
     GetStringField(element, "value", hash.value, false);
@@ -177,6 +181,10 @@ void ParseHashes(const JsonValue& value, std::vector<PackageHash>& hashes) {
 }
 
 int32_t ParseDownloadInfo(const JsonValue& object, DownloadInfo& downloadInfo) {
+  if (!object.IsObject()) {
+    PM_ERROR("[Patch]:Failed to find packagesbyarch in downloadinfo of manifest");
+    return kManifestInvalid;
+  }
   GetInt32Field(object, "langid", downloadInfo.langId, false);
   GetStringField(object, "downloadurl", downloadInfo.downloadUrl, false);
   if (const JsonValue* hashes = FindField(object, "hashesh")) ParseHashes(*hashes, downloadInfo.hashes);

@@ -72,10 +72,12 @@ std::string ReadFile(const std::string& path) {
     in.exceptions(std::ios::badbit);
     FileRep file(path);
     if (FileRep::loadFile(file) != 0 || file.size() == 0) return "";
-    std::vector<char> buffer(file.size() + 1);
-    buffer[file.size()] = '\0';
-    in.read(buffer.data(), static_cast<std::streamsize>(file.size()));
-    return std::string(buffer.data(), static_cast<size_t>(in.gcount()));
+    // Read straight into the text that is returned: a manifest can run to
+    // megabytes, and a second copy of it is wasted memory at the peak.
+    std::string content(file.size(), '\0');
+    in.read(content.data(), static_cast<std::streamsize>(file.size()));
+    content.resize(static_cast<size_t>(in.gcount()));
+    return content;
   } catch (const std::exception& e) {
     PM_ERROR("std::exception is reading file: " << e.what());
     throw;

@@ -198,6 +198,8 @@ TEST_F(ManifestParseTest, RequiredKeyMissingOrMistypedFailsWithOneMessageFromIts
       {{{"/jobs/0/continueafterpackagefailedforpatch", "1"}},
        "bool field continueafterpackagefailedforpatch in jobs in manifest"},
       {{{"/jobs/0/patches", ""}}, "object patches in jobs in manifest"},
+      {{{"/jobs/0/patches/0/downloadinfo/0", "1"}}, "packagesbyarch in downloadinfo of manifest"},
+      {{{pba + "/0", "\"x86_64\""}}, "string field architecture in packagesbyarch in manifest"},
       {{{"/jobs/0/patches", "{}"}}, "array field patches in patches in manifest"},
       {{{"/jobs/0/postdeployment", ""}}, "object field postdeployment in jobs in manifest"},
       {{{"/jobs/0/postdeployment", "\"x\""}}, "object field postdeployment in jobs in manifest"},
@@ -253,6 +255,12 @@ TEST_F(ManifestParseTest, OptionalKeysOfTheWrongTypeCountAsAbsent) {
   EXPECT_EQ(job.patches[0].downloadInfo.langId, 0);
   EXPECT_TRUE(job.patches[0].downloadInfo.hashes.empty());
   EXPECT_EQ(CountPriority("Error"), 0u);
+  // Hash entries that are not objects carry nothing and break nothing.
+  ASSERT_EQ(
+      ParseEdited({{"/jobs/0/patches/0/downloadinfo/0/hashesh", "[\"SHA256\", 5, {\"type\": \"MD5\"}]"}}),
+      kManifestOk);
+  ASSERT_EQ(manifest_.jobs[0].patches[0].downloadInfo.hashes.size(), 1u);
+  EXPECT_EQ(manifest_.jobs[0].patches[0].downloadInfo.hashes[0].type, "MD5");
 
   // A job of another type is skipped before its other keys are looked at.
   UseLogLevel("trace");
