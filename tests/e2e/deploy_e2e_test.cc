@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 #include "gtest/gtest.h"
@@ -53,52 +54,54 @@ std::string ThreePatchManifest() {
                                      pmtest::PatchJson("P3", {"p3a"}));
 }
 
-TEST(DeployE2E, Sigusr1DuringTheFirstPatchLetsThePackageFinishAndStopsWith57) {
+// A three-patch job whose first package is running and held.
+struct HeldRun {
+  HeldRun() {
+    sandbox.WriteManifest(ThreePatchManifest());
+    WriteGatedScript(sandbox);
+    tool = std::make_unique<ToolProcess>(sandbox, std::vector<std::string>{sandbox.WriteArgs()});
+    EXPECT_EQ(tool->WaitParent(), 0);
+    EXPECT_TRUE(pmtest::WaitFor([&] { return Started(sandbox, "p1a"); }, 20s));
+  }
+  ~HeldRun() { Release(sandbox); }
+
+  void Signal(int signalNumber) { ASSERT_EQ(kill(tool->ChildPid(), signalNumber), 0); }
+  std::string ExitCodeFileText() const {
+    return pmtest::ReadTextFile(sandbox.resultDir + "/" + sandbox.ExitCodeFileName());
+  }
+
   ToolSandbox sandbox;
-  sandbox.WriteManifest(ThreePatchManifest());
-  WriteGatedScript(sandbox);
-  ToolProcess tool(sandbox, {sandbox.WriteArgs()});
-  ASSERT_EQ(tool.WaitParent(), 0);
-  ASSERT_TRUE(pmtest::WaitFor([&] { return Started(sandbox, "p1a"); }, 20s));
+  std::unique_ptr<ToolProcess> tool;
+};
 
-  ASSERT_EQ(kill(tool.ChildPid(), SIGUSR1), 0);
-  Release(sandbox);
-  EXPECT_EQ(tool.WaitChild(), 57);
+TEST(DeployE2E, Sigusr1DuringTheFirstPatchLetsThePackageFinishAndStopsWith57) {
+  HeldRun run;
+  run.Signal(SIGUSR1);
+  Release(run.sandbox);
+  EXPECT_EQ(run.tool->WaitChild(), 57);
 
-  EXPECT_TRUE(pmtest::PathExists(sandbox.resultDir + "/scriptOutput.json")) << "the running package finished";
-  for (const char* package : {"p1b", "p2a", "p3a"}) EXPECT_FALSE(Started(sandbox, package)) << package;
-  EXPECT_EQ(pmtest::ReadTextFile(sandbox.resultDir + "/" + sandbox.ExitCodeFileName()), "");
-  EXPECT_FALSE(pmtest::PathExists(sandbox.resultDir + "/job1_7_status.json"));
+  EXPECT_TRUE(pmtest::PathExists(run.sandbox.resultDir + "/scriptOutput.json"))
+      << "the running package finished";
+  for (const char* package : {"p1b", "p2a", "p3a"}) EXPECT_FALSE(Started(run.sandbox, package)) << package;
+  EXPECT_EQ(run.ExitCodeFileText(), "");
+  EXPECT_FALSE(pmtest::PathExists(run.sandbox.resultDir + "/job1_7_status.json"));
 }
 
 TEST(DeployE2E, SigtermDuringPatchingIsIgnoredUnlessSigusr1CameFirst) {
   {
-    ToolSandbox sandbox;
-    sandbox.WriteManifest(ThreePatchManifest());
-    WriteGatedScript(sandbox);
-    ToolProcess tool(sandbox, {sandbox.WriteArgs()});
-    ASSERT_EQ(tool.WaitParent(), 0);
-    ASSERT_TRUE(pmtest::WaitFor([&] { return Started(sandbox, "p1a"); }, 20s));
-    ASSERT_EQ(kill(tool.ChildPid(), SIGTERM), 0);
-    Release(sandbox);
-    EXPECT_EQ(tool.WaitChild(), 0);
-    EXPECT_TRUE(Started(sandbox, "p3a"));
-    EXPECT_EQ(pmtest::ReadTextFile(sandbox.resultDir + "/" + sandbox.ExitCodeFileName()), "0");
+    HeldRun run;
+    run.Signal(SIGTERM);
+    Release(run.sandbox);
+    EXPECT_EQ(run.tool->WaitChild(), 0);
+    EXPECT_TRUE(Started(run.sandbox, "p3a"));
+    EXPECT_EQ(run.ExitCodeFileText(), "0");
   }
-  {
-    ToolSandbox sandbox;
-    sandbox.WriteManifest(ThreePatchManifest());
-    WriteGatedScript(sandbox);
-    ToolProcess tool(sandbox, {sandbox.WriteArgs()});
-    ASSERT_EQ(tool.WaitParent(), 0);
-    ASSERT_TRUE(pmtest::WaitFor([&] { return Started(sandbox, "p1a"); }, 20s));
-    ASSERT_EQ(kill(tool.ChildPid(), SIGUSR1), 0);
-    ASSERT_EQ(kill(tool.ChildPid(), SIGTERM), 0);
-    // Ends while the package is still held: the SIGTERM itself ended it.
-    EXPECT_EQ(tool.WaitChild(20s), 57);
-    EXPECT_FALSE(pmtest::PathExists(sandbox.resultDir + "/scriptOutput.json"));
-    Release(sandbox);
-  }
+  HeldRun run;
+  run.Signal(SIGUSR1);
+  run.Signal(SIGTERM);
+  // Ends while the package is still held: the SIGTERM itself ended it.
+  EXPECT_EQ(run.tool->WaitChild(20s), 57);
+  EXPECT_FALSE(pmtest::PathExists(run.sandbox.resultDir + "/scriptOutput.json"));
 }
 
 TEST(DeployE2E, DetachedChildLeavesTheAgentAndRecordsItsExitCode) {
