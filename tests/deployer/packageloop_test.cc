@@ -1,0 +1,125 @@
+// The package loop of one patch, through real deployment scripts.
+#include <ctime>
+#include <memory>
+
+#include "scripttest.h"
+
+namespace patchmgmt::deployer {
+namespace {
+
+using pmtest::HasLogLine;
+
+class PackageLoopTest : public ScriptTest {
+ protected:
+  // Deploys one patch with an hour of window left.
+  PatchResult& Deploy(const std::string& id, const Lines& packages, bool continueAfterFailure) {
+    DeploymentPatch patch;
+    patch.patchId = id;
+    patch.hostPackages = packages;
+    results_.push_back(std::make_shared<PatchResult>());
+    PatchResultMap one{{id, results_.back()}};
+    patcher_.DeployPatch(patch, continueAfterFailure, false, std::time(nullptr) + 3600, one, &stop_);
+    return *results_.back();
+  }
+
+  Patcher patcher_{settings_};
+  std::vector<std::shared_ptr<PatchResult>> results_;
+  volatile bool stop_ = false;
+};
+
+TEST_F(PackageLoopTest, EveryOutcomeIsFiledAndFailedPackagesKeepTheirRecord) {
+  PatchResult& r = Deploy("P1", {"a-0", "b-1", "c-2", "d-3", "e-7", "f-4", "g-0"}, true);
+
+  // A locked package manager ends the patch even when failures are tolerated.
+  EXPECT_EQ(Packages(), (Lines{"a-0", "b-1", "c-2", "d-3", "e-7", "f-4"}));
+  EXPECT_EQ(r.successPackages, Names{"a-0"});
+  EXPECT_EQ(r.alreadyInstalledPackages, Names{"b-1"});
+  EXPECT_EQ(r.notApplicablePackages, Names{"c-2"});
+  EXPECT_EQ(r.pendingExecutionPackages, Names{"g-0"});
+  EXPECT_EQ(FailedRecords(r),
+            (Lines{"13|d-3|stdError: [, err:d-3]|out:d-3", "17|e-7|stdError: [, err:e-7]|out:e-7",
+                   "14|f-4|stdError: [, err:f-4]|out:f-4"}));
+  EXPECT_TRUE(r.failed);
+  EXPECT_EQ(r.status, kPackageManagerLocked);
+  EXPECT_EQ(r.exitCode, 14);
+  const auto log = Log();
+  EXPECT_TRUE(HasLogLine(log, "[FAILED]: P1", "Information"));
+  EXPECT_TRUE(HasLogLine(log, "Package: a-0 install successfully", "Trace"));
+  EXPECT_TRUE(HasLogLine(log, "Package: b-1 is already installed", "Trace"));
+  EXPECT_TRUE(HasLogLine(log, "Package: c-2 is not applicable", "Trace"));
+  EXPECT_TRUE(HasLogLine(log, "Package: e-7 failed to install", "Trace"));
+}
+
+TEST_F(PackageLoopTest, PatchIsClassifiedFromItsPackagesAndAFailureEndsItUnlessTolerated) {
+  PatchResult& notApplicable = Deploy("N", {"x-2", "y-2", "z-2"}, false);
+  PatchResult& installed = Deploy("I", {"x-2", "y-2", "z-1"}, false);
+  PatchResult& mixed = Deploy("S", {"x-1", "y-0", "z-2"}, false);
+  // A code beyond the known ones is a failure like 3.
+  PatchResult& stopped = Deploy("STOP", {"a-7", "b-0"}, false);
+  PatchResult& continued = Deploy("GO", {"c-3", "d-0"}, true);
+
+  EXPECT_TRUE(notApplicable.notApplicable && !notApplicable.alreadyInstalled);
+  EXPECT_TRUE(installed.alreadyInstalled && !installed.notApplicable);
+  EXPECT_FALSE(mixed.alreadyInstalled || mixed.notApplicable);
+  for (const PatchResult* r : {&notApplicable, &installed, &mixed}) EXPECT_FALSE(r->failed);
+  EXPECT_EQ(Packages().size(), 12u);  // b-0 never ran
+  EXPECT_TRUE(stopped.failed);
+  EXPECT_EQ(stopped.status, kInstallFailed);
+  EXPECT_EQ(stopped.pendingExecutionPackages, Names{"b-0"});
+  // The last package succeeded, yet the patch is failed for the first one.
+  EXPECT_TRUE(continued.failed);
+  EXPECT_EQ(continued.successPackages, Names{"d-0"});
+  EXPECT_EQ(FailedRecords(continued), Lines{"13|c-3|stdError: [, err:c-3]|out:c-3"});
+  const auto log = Log();
+  EXPECT_TRUE(HasLogLine(log, "[NOT-APPLICABLE]: N", "Information"));
+  EXPECT_TRUE(HasLogLine(log, "[ALREADY-INSTALLED]: I", "Information"));
+  EXPECT_TRUE(HasLogLine(log, "[SUCCESS]: S", "Information"));
+  EXPECT_TRUE(HasLogLine(log, "[FAILED]: GO", "Information"));
+}
+
+TEST_F(PackageLoopTest, PackageNameIsOneLiteralArgumentToTheScript) {
+  const Lines names{"a;touch " + dir_.Join("x") + ";b-0", "$(touch " + dir_.Join("y") + ")-0", "c d-0"};
+  PatchResult& r = Deploy("P1", names, false);
+
+  EXPECT_EQ(Packages(), names);
+  EXPECT_FALSE(pmtest::PathExists(dir_.Join("x")));
+  EXPECT_FALSE(pmtest::PathExists(dir_.Join("y")));
+  EXPECT_EQ(r.successPackages, Names(names.begin(), names.end()));
+  // The log still shows the command as one line of text.
+  EXPECT_TRUE(pmtest::HasLogPrefix(Log(), "Executing deployment command: " + settings_.deploymentScriptPath +
+                                              " " + names[0] + " " + settings_.scriptOutputPath + " "));
+}
+
+TEST_F(PackageLoopTest, UnusableOutputFileFailsThePackageWithItsReason) {
+  WriteScript(
+      "printf 'err:%s' \"$1\" >&2\n"
+      "case \"$1\" in\n"
+      "  missing) rm -f \"$2\"; exit 9 ;;\n"
+      "  invalid) printf '{\"customExitCode\":' > \"$2\" ;;\n"
+      "  nocustom) printf '{\"customExitCode\":\"0\",\"exitCode\":5}' > \"$2\"; exit 6 ;;\n"
+      "  noexit) printf '{\"customExitCode\":1}' > \"$2\"; exit 8 ;;\n"
+      "esac");
+  // "status|exitCode|errorMessage" after each kind of output file.
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"missing", "3|9|stdError: [Failed to locate result file after deployment, err:missing]"},
+      {"invalid", "3|0|stdError: [Failed to parse json result output, err:invalid]"},
+      {"nocustom", "3|6|stdError: [Failed to parse custom exit code, err:nocustom]"},
+      // The status already read stands; the exit code is the process's.
+      {"noexit", "1|8|stdError: [Failed to parse exit code, err:noexit]"},
+  };
+  for (const auto& [package, expected] : cases) {
+    PatchResult r;
+    r.failed = true;
+    r.stdOut = "left over";
+    ExecuteDeploymentCommand({settings_.deploymentScriptPath, package, std::time(nullptr) + 600,
+                              settings_.scriptOutputPath, nullptr},
+                             r);
+    EXPECT_EQ(std::to_string(r.status) + "|" + std::to_string(r.exitCode) + "|" + r.errorMessage, expected);
+    EXPECT_TRUE(r.stdOut.empty() && !r.failed) << package;
+  }
+  EXPECT_TRUE(HasLogLine(
+      Log(), "Failed to locate result file after deployment: " + settings_.scriptOutputPath, "Error"));
+}
+
+}  // namespace
+}  // namespace patchmgmt::deployer

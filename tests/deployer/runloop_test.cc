@@ -1,0 +1,277 @@
+// The job's run loop: package selection, outcomes posted per patch, the
+// locked-package-manager abandon pass, the deployment window and the result
+// size limit. Real /bin/sh deployment scripts, real log files.
+#include <Poco/DateTimeFormatter.h>
+#include <Poco/Timestamp.h>
+
+#include <cstdio>
+#include <ctime>
+#include <memory>
+
+#include "driver/toolstopper.h"
+#include "results/interimresults.h"
+#include "scripttest.h"
+
+namespace patchmgmt::deployer {
+namespace {
+
+using pmtest::HasLogLine;
+
+constexpr const char* kLocked = "YUM is locked. cannot install";
+
+DeploymentPatch Patch(const std::string& id, const std::vector<PackagesByArch>& byArch,
+                      bool rebootRequire = false) {
+  DeploymentPatch patch;
+  patch.patchId = id;
+  patch.downloadInfo.packagesByArch = byArch;
+  patch.rebootRequire = rebootRequire;
+  return patch;
+}
+
+DeploymentPatch HostPatch(const std::string& id, const Lines& packages, bool rebootRequire = false) {
+  return Patch(id, {{"x86_64", packages}}, rebootRequire);
+}
+
+// A manifest date-time text for whole second `seconds` (plus some milliseconds).
+std::string ManifestTimeAt(int64_t seconds) {
+  return Poco::DateTimeFormatter::format(Poco::Timestamp::fromEpochTime(seconds) + 250000,
+                                         "%Y-%m-%dT%H:%M:%S.%iZ");
+}
+
+class RunLoopTest : public ScriptTest {
+ protected:
+  void SetUp() override {
+    ScriptTest::SetUp();
+    InterimResults::instance_.Clear();
+    // The run loop ends the process between patches unless patching is armed.
+    ToolStopper::Set(ToolStopper::isPatchingOn_, true);
+    ToolStopper::Set(ToolStopper::sigUsr1Recv_, false);
+    args_->MutableArguments().mutable_patchargs()->mutable_agentdetails()->set_architecture("x86_64");
+    job_.jobId = "job1";
+    job_.dateTime = ManifestTimeAt(std::time(nullptr));
+    job_.timeout = 60;
+  }
+
+  int32_t Run(std::vector<DeploymentPatch> patches) {
+    results_.clear();
+    InterimResults::instance_.Clear();
+    std::remove(callsPath_.c_str());
+    job_.patches = std::move(patches);
+    return RunPatchDeployment(patcher_, results_, args_, job_);
+  }
+
+  // The patch's interim state as "code/value/message", "" when there is none.
+  static std::string Interim(const std::string& id) {
+    const auto snapshot = InterimResults::instance_.Snapshot();
+    const auto found = snapshot.find(id);
+    if (found == snapshot.end()) return "";
+    return std::to_string(found->second->code) + "/" + std::to_string(found->second->value) + "/" +
+           found->second->message;
+  }
+  // "failed|status|exitCode|errorMessage" of the patch's result.
+  std::string Outcome(const std::string& id) {
+    const PatchResult& r = Result(id);
+    return std::string(r.failed ? "failed|" : "|") + std::to_string(r.status) + "|" +
+           std::to_string(r.exitCode) + "|" + r.errorMessage;
+  }
+  // Absent results fail the test here rather than crash it.
+  PatchResult& Result(const std::string& id) {
+    auto& result = results_[id];
+    EXPECT_TRUE(result) << id;
+    if (!result) result = std::make_shared<PatchResult>();
+    return *result;
+  }
+
+  std::shared_ptr<IPatcher> patcher_ = std::make_shared<Patcher>(settings_);
+  std::shared_ptr<protobuf::CommandlineArgsInProtoBuf> args_ =
+      std::make_shared<protobuf::CommandlineArgsInProtoBuf>();
+  DeploymentJob job_;
+  PatchResultMap results_;
+};
+
+TEST_F(RunLoopTest, HostAndNoarchPackagesAreSelectedAndARepeatedPatchSharesItsResult) {
+  const std::vector<DeploymentPatch> patches{
+      Patch("P1", {{"x86_64", {"a-0"}}, {"i686", {"z-0"}}, {"noarch", {"b-0"}}}),
+      Patch("P2", {{"aarch64", {"c-0"}}}),
+      Patch("P3", {{"noarch", {"d-1"}}}),
+      Patch("P1", {{"x86_64", {"e-0"}}}),
+  };
+  std::vector<DeploymentPatch> selected = patches;
+  PatchResultMap selectedResults;
+  SelectPatchPackages(selected, "x86_64", selectedResults);
+  EXPECT_EQ(selected[0].hostPackages, (Lines{"a-0", "b-0"}));
+  EXPECT_TRUE(selected[1].hostPackages.empty());
+  EXPECT_EQ(selected[3].hostPackages, Lines{"e-0"});
+  EXPECT_TRUE(selected[3].downloadInfo.packagesByArch.empty());
+  EXPECT_EQ(selectedResults.count("P2"), 0u);
+  EXPECT_EQ(Interim("P1"), "8976/0/");
+
+  EXPECT_EQ(Run(patches), 0);
+  EXPECT_EQ(Packages(), (Lines{"a-0", "b-0", "d-1", "e-0"}));
+  EXPECT_EQ(results_.count("P2"), 0u);
+  EXPECT_EQ(Result("P1").successPackages, (Names{"a-0", "b-0", "e-0"}));
+  EXPECT_EQ(Interim("P1"), "8980/0/");
+  EXPECT_EQ(Interim("P3"), "8984/0/");
+  const auto log = Log();
+  EXPECT_TRUE(HasLogLine(log, "Cannot execute patch: P2 packages list is empty", "Debug"));
+  EXPECT_TRUE(HasLogLine(log, "No of patches for deployment: 4", "Debug"));
+}
+
+TEST_F(RunLoopTest, OutcomesArePostedAndAnInstalledRebootPatchEndsTheRunWith55) {
+  job_.sendJobTelemetryData = true;
+  EXPECT_EQ(Run({HostPatch("R", {"a-0"}, true), HostPatch("N", {"b-2"}), HostPatch("A", {"c-1"}),
+                 HostPatch("S", {"d-0"}), HostPatch("F", {"e-3"}, true)}),
+            kRebootRequiredExitCode);
+  EXPECT_EQ(Interim("R"), "8978/0/");
+  EXPECT_EQ(Interim("N"), "8983/0/");
+  EXPECT_EQ(Interim("A"), "8984/0/");
+  EXPECT_EQ(Interim("S"), "8980/0/");
+  EXPECT_EQ(Interim("F"), "8981/13/stdError: [, err:e-3]");
+  EXPECT_TRUE(Result("R").executed);
+  const auto log = Log();
+  EXPECT_TRUE(HasLogLine(log, "Reboot is require for patch id R", "Trace"));
+  EXPECT_FALSE(HasLogLine(log, "Reboot is require for patch id F"));
+  EXPECT_TRUE(HasLogLine(log, "Reboot will be done for job id job1", "Information"));
+}
+
+TEST_F(RunLoopTest, LockedPackageManagerAbandonsTheJobOnlyWhenTimeoutIsIgnored) {
+  auto lockedJob = [] {
+    return std::vector<DeploymentPatch>{HostPatch("L1", {"a-0", "b-4", "c-0"}),
+                                        HostPatch("L2", {"d-0", "e-0"}), HostPatch("L3", {"f-0"})};
+  };
+  auto expectLockedFirstPatch = [this] {
+    EXPECT_TRUE(Result("L1").failed);
+    EXPECT_EQ(FailedRecords(Result("L1")), Lines{"14|b-4|stdError: [, err:b-4]|out:b-4"});
+    EXPECT_EQ(Result("L1").pendingExecutionPackages, Names{"c-0"});
+  };
+  auto record = [](const std::string& name) { return "1|" + name + "|" + kLocked + "|"; };
+
+  job_.ignoreTimeout = true;
+  job_.continueAfterPackageFailedForPatch = true;
+  EXPECT_EQ(Run(lockedJob()), 0);
+  EXPECT_EQ(Packages(), (Lines{"a-0", "b-4"}));
+  expectLockedFirstPatch();
+  for (const char* id : {"L2", "L3"}) {
+    EXPECT_EQ(Outcome(id), std::string("failed|4|1|") + kLocked) << id;
+    EXPECT_EQ(Interim(id), std::string("8981/1/") + kLocked) << id;
+  }
+  EXPECT_EQ(FailedRecords(Result("L2")), (Lines{record("d-0"), record("e-0")}));
+  EXPECT_TRUE(Result("L2").pendingExecutionPackages.empty());
+  EXPECT_EQ(FailedRecords(Result("L3")), Lines{record("f-0")});
+
+  // Not continuing after a failure: as if each patch stopped at its first package.
+  job_.continueAfterPackageFailedForPatch = false;
+  EXPECT_EQ(Run(lockedJob()), 0);
+  EXPECT_EQ(Packages(), (Lines{"a-0", "b-4"}));
+  EXPECT_EQ(FailedRecords(Result("L2")), Lines{record("d-0")});
+  EXPECT_EQ(Result("L2").pendingExecutionPackages, Names{"e-0"});
+  EXPECT_EQ(Interim("L3"), std::string("8981/1/") + kLocked);
+
+  job_.ignoreTimeout = false;
+  job_.continueAfterPackageFailedForPatch = true;
+  EXPECT_EQ(Run(lockedJob()), 0);
+  EXPECT_EQ(Packages(), (Lines{"a-0", "b-4", "d-0", "e-0", "f-0"}));
+  expectLockedFirstPatch();
+  EXPECT_EQ(Interim("L1"), "8981/14/stdError: [, err:b-4]");
+  EXPECT_FALSE(Result("L2").failed);
+  EXPECT_EQ(Interim("L3"), "8980/0/");
+}
+
+TEST_F(RunLoopTest, ScriptGetsPackageOutputFileAndTheManifestWindowEnd) {
+  const int64_t start = std::time(nullptr) - 30;
+  job_.dateTime = ManifestTimeAt(start);
+  job_.timeout = 5;
+  Run({HostPatch("P1", {"pkg-0"})});
+  EXPECT_EQ(Calls(), Lines{"pkg-0|" + settings_.scriptOutputPath + "|" + std::to_string(start + 300) + "|"});
+
+  // timeout * 60 is a 32-bit product: this one wraps to -2147483596 seconds.
+  job_.timeout = 35791395;
+  Run({HostPatch("P1", {"pkg-0"})});
+  EXPECT_TRUE(Calls().empty());
+  const std::string& message = Result("P1").errorMessage;
+  EXPECT_EQ(message.substr(message.rfind(", ")), ", " + std::to_string(start - 2147483596) + "]");
+}
+
+TEST_F(RunLoopTest, ClosedWindowRunsNothingUnlessTimeoutIsIgnored) {
+  const int64_t dateTime = std::time(nullptr) - 7200;
+  job_.dateTime = ManifestTimeAt(dateTime);
+  const int64_t windowEnd = dateTime + 3600;
+  const int64_t before = std::time(nullptr);
+  EXPECT_EQ(Run({HostPatch("P1", {"a-0", "b-0"}), HostPatch("P2", {"c-0"})}), 0);
+  const int64_t after = std::time(nullptr);
+
+  EXPECT_FALSE(pmtest::PathExists(callsPath_));
+  // The current time in the message is some second of the run.
+  std::string message;
+  for (int64_t now = before; now <= after; ++now) {
+    const std::string candidate = "patch window is over.[currentTime,windowTime]: [" + std::to_string(now) +
+                                  ", " + std::to_string(windowEnd) + "]";
+    if (Result("P1").errorMessage == candidate) message = candidate;
+  }
+  ASSERT_NE(message, "") << Result("P1").errorMessage;
+  EXPECT_EQ(Outcome("P1"), "failed|3|1|" + message);
+  EXPECT_EQ(FailedRecords(Result("P1")), Lines{"1|a-0|" + message + "|"});
+  EXPECT_EQ(Result("P1").pendingExecutionPackages, Names{"b-0"});
+  EXPECT_EQ(Interim("P1"), "8981/1/" + message);
+  EXPECT_TRUE(Result("P2").failed);
+
+  // Ignoring the timeout, each package is given an hour from its own start.
+  job_.ignoreTimeout = true;
+  const int64_t ignoredFrom = std::time(nullptr);
+  EXPECT_EQ(Run({HostPatch("P1", {"a-0", "b-0"})}), 0);
+  const int64_t ignoredTo = std::time(nullptr);
+  EXPECT_EQ(Packages(), (Lines{"a-0", "b-0"}));
+  for (const std::string& call : Calls()) {
+    const int64_t window = std::stoll(call.substr(call.rfind('|', call.size() - 2) + 1));
+    EXPECT_GE(window, ignoredFrom + 3600) << call;
+    EXPECT_LE(window, ignoredTo + 3600) << call;
+  }
+  EXPECT_EQ(Result("P1").successPackages, (Names{"a-0", "b-0"}));
+}
+
+TEST_F(RunLoopTest, ResultsAreTruncatedFromExactlyOneMebibyte) {
+  PatchResult counted;
+  counted.successPackages = {"abc"};
+  counted.pendingExecutionPackages = {"de"};
+  counted.alreadyInstalledPackages = {"f"};
+  counted.notApplicablePackages = {"gh"};
+  counted.otherPackages = {"ijkl"};
+  counted.failedPackages = {{7, "n", "err", "out"}};
+  EXPECT_EQ(EstimateResultSize(counted), 40u + 3 + 2 + 1 + 2 + 4 + 1 + 3 + 3);
+  counted.failed = true;
+  EXPECT_EQ(EstimateResultSize(counted), 19u);
+
+  // 40 + 1 + stdOut of the first patch, 1 + error text of the failed second.
+  auto results = [](size_t stdOutSize, size_t errorSize) {
+    auto succeeded = std::make_shared<PatchResult>();
+    succeeded->failedPackages = {{1, "p", "", std::string(stdOutSize, 'o')}};
+    auto failed = std::make_shared<PatchResult>();
+    failed->failed = true;
+    failed->failedPackages = {{1, "q", std::string(errorSize, 'e'), ""}};
+    return PatchResultMap{{"A", succeeded}, {"B", failed}, {"C", nullptr}};
+  };
+  PatchResultMap below = results(1048000, 533);
+  LimitResultSize(below);
+  EXPECT_EQ(below["A"]->failedPackages[0].stdOut.size(), 1048000u);
+  EXPECT_FALSE(pmtest::HasLogPrefix(Log(), "Truncating"));
+
+  PatchResultMap at = results(1048000, 534);
+  LimitResultSize(at);
+  EXPECT_EQ(at["A"]->failedPackages[0].stdOut, "");
+  EXPECT_EQ(at["B"]->failedPackages[0].errorText.size(), 534u);
+  EXPECT_TRUE(HasLogLine(Log(), "Truncating stdout from patch result", "Warning"));
+  EXPECT_FALSE(HasLogLine(Log(), "Truncating stdout and stderror both from patch result"));
+
+  // Emptying the output leaves exactly the limit: the error texts go too.
+  PatchResultMap both = results(10, 1048533);
+  both["A"]->failedPackages[0].errorText = std::string(1, 'e');
+  LimitResultSize(both);
+  for (const char* id : {"A", "B"}) {
+    EXPECT_EQ(both[id]->failedPackages[0].stdOut, "") << id;
+    EXPECT_EQ(both[id]->failedPackages[0].errorText, "") << id;
+  }
+  EXPECT_TRUE(HasLogLine(Log(), "Truncating stdout and stderror both from patch result", "Warning"));
+}
+
+}  // namespace
+}  // namespace patchmgmt::deployer
