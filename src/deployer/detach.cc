@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
@@ -73,8 +74,15 @@ void JoinOwnControlGroup(pid_t pid) {
 }
 
 [[noreturn]] void EndParent(int readEnd) {
+  // A signal that the handlers let through (SIGUSR1, SIGTERM while armed)
+  // interrupts the wait without shortening or extending the ten seconds.
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kAcknowledgeWaitMilliseconds);
   pollfd ack{readEnd, POLLIN, 0};
-  while (poll(&ack, 1, kAcknowledgeWaitMilliseconds) < 0 && errno == EINTR) {
+  for (;;) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0 || poll(&ack, 1, static_cast<int>(left.count())) >= 0 || errno != EINTR) break;
   }
   close(readEnd);
   // The child owns the run from here: nothing of this process's exit work
@@ -84,7 +92,22 @@ void JoinOwnControlGroup(pid_t pid) {
 
 }  // namespace
 
-void RecordInheritedDescriptors() { InheritedDescriptors() = OpenDescriptorsAboveStderr(); }
+void RecordInheritedDescriptors() {
+  // An agent that started the tool with a standard stream closed would let
+  // the next open() take its number, and the detach would later put
+  // /dev/null over that file (the log file, say). Holding the numbers with
+  // /dev/null from the start keeps the tool's own files above them.
+  for (int fd = 0; fd <= 2; ++fd) {
+    if (fcntl(fd, F_GETFD) == -1 && errno == EBADF) {
+      const int devnull = open("/dev/null", O_RDWR);
+      if (devnull >= 0 && devnull != fd) {
+        dup2(devnull, fd);
+        close(devnull);
+      }
+    }
+  }
+  InheritedDescriptors() = OpenDescriptorsAboveStderr();
+}
 
 void DetachPatchProcess(const std::string& resultDirectory, const std::string& jobId,
                         const std::string& runId) {
@@ -108,7 +131,9 @@ void DetachPatchProcess(const std::string& resultDirectory, const std::string& j
   }
 
   close(ack[0]);
-  // The mask the entry set (group write masked) is inherited; the child keeps it.
+  // Group write stays masked for everything the run creates. The entry has
+  // normally set this mask already (and restores the agent's at exit), so
+  // setting it again changes nothing.
   umask(020);
   const pid_t self = getpid();
   ExitCodeFile::Create(resultDirectory, jobId, runId, static_cast<int>(self));

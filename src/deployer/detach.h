@@ -13,8 +13,10 @@ void DetachPatchProcess(const std::string& resultDirectory, const std::string& j
                         const std::string& runId);
 
 // Remembers the descriptors above standard error that the process was started
-// with, so that the detached child can close exactly those. Call first thing,
-// before anything of the tool's own is opened.
+// with, so that the detached child can close exactly those, and puts /dev/null
+// on any standard stream that was started closed, so that no file of the
+// tool's own takes its number. Call first thing, before anything of the
+// tool's own is opened.
 void RecordInheritedDescriptors();
 
 // The file through which the detached child hands its exit status to the agent:

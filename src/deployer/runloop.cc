@@ -18,7 +18,6 @@ namespace {
 constexpr uint64_t kResultSizeLimit = 1048576;
 // What a result that did not fail costs in the document besides its names.
 constexpr uint64_t kSucceededResultOverhead = 40;
-constexpr const char* kLockedMessage = "YUM is locked. cannot install";
 
 void Post(const std::string& patchId, uint32_t code, int64_t value = 0, const std::string& message = {}) {
   InterimResults::instance_.Update(patchId, InterimResult(code, value, std::string(), message));
@@ -32,7 +31,10 @@ void NotifyUser(const std::string& message, const std::string& description) {
 }
 
 // A stop is honoured only between patches, never in the middle of one, so
-// that no package manager transaction is cut short by the tool itself.
+// that no package manager transaction is cut short by the tool itself. The
+// process ends as the SIGTERM handler ends it: the interim generator may be
+// running, and exit handlers or static destructors must not pull its state
+// away under it. Every log line is already on disk.
 void EndIfStopRequested() {
   if (!ToolStopper::isPatchingOn_ || ToolStopper::sigUsr1Recv_) _exit(kStoppedExitCode);
 }
@@ -73,10 +75,10 @@ void AbandonRemainingPatches(std::vector<DeploymentPatch>& patches, size_t from,
     result->failed = true;
     result->status = kPackageManagerLocked;
     result->exitCode = 1;
-    result->errorMessage = kLockedMessage;
+    result->errorMessage = "YUM is locked. cannot install";
     for (size_t p = 0; p < patch.hostPackages.size(); ++p) {
       if (p == 0 || continueAfterPackageFailedForPatch) {
-        result->failedPackages.push_back({result->exitCode, patch.hostPackages[p], kLockedMessage, ""});
+        result->failedPackages.push_back({result->exitCode, patch.hostPackages[p], result->errorMessage, ""});
       } else {
         result->pendingExecutionPackages.insert(patch.hostPackages[p]);
       }
@@ -98,6 +100,7 @@ uint64_t TotalResultSize(const PatchResultMap& results) {
 template <typename Change>
 void ForEachFailedPackage(PatchResultMap& results, Change change) {
   for (auto& entry : results) {
+    CPULimit::getInstance().calculateAndSleep();
     if (!entry.second) continue;
     for (FailedPackage& package : entry.second->failedPackages) change(package);
   }

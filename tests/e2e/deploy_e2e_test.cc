@@ -80,8 +80,9 @@ TEST(DeployE2E, Sigusr1DuringTheFirstPatchLetsThePackageFinishAndStopsWith57) {
   Release(run.sandbox);
   EXPECT_EQ(run.tool->WaitChild(), 57);
 
-  EXPECT_TRUE(pmtest::PathExists(run.sandbox.resultDir + "/scriptOutput.json"))
-      << "the running package finished";
+  // The tool itself saw the held package to its end before it stopped.
+  EXPECT_TRUE(pmtest::HasLogPrefix(run.sandbox.Log(), "Command: " + run.sandbox.scriptPath + " p1a "));
+  EXPECT_TRUE(pmtest::HasLogLine(run.sandbox.Log(), "[SUCCESS]: P1"));
   for (const char* package : {"p1b", "p2a", "p3a"}) EXPECT_FALSE(Started(run.sandbox, package)) << package;
   EXPECT_EQ(run.ExitCodeFileText(), "");
   EXPECT_FALSE(pmtest::PathExists(run.sandbox.resultDir + "/job1_7_status.json"));
@@ -126,6 +127,12 @@ TEST(DeployE2E, DetachedChildLeavesTheAgentAndRecordsItsExitCode) {
   char byte;
   EXPECT_EQ(read(agentPipe[0], &byte, 1), 0) << "the detached child still holds the agent's pipe";
   close(agentPipe[0]);
+  for (int fd = 0; fd <= 2; ++fd) {
+    char target[256] = {};
+    const std::string link = "/proc/" + std::to_string(child) + "/fd/" + std::to_string(fd);
+    ASSERT_GT(readlink(link.c_str(), target, sizeof target - 1), 0) << link;
+    EXPECT_STREQ(target, "/dev/null") << link;
+  }
 
   EXPECT_EQ(SessionOf(child), child);
   char cwd[256] = {};
