@@ -1,0 +1,169 @@
+#!/usr/bin/env bash
+# Whole-process throughput of a patch job: 100 patches of 5 packages each,
+# deployed by a script that only writes its output file. The tool's time, from
+# its start until its exit-code file holds the code, is set against a plain
+# shell loop running the same script 500 times; the ratio shows what the tool
+# adds per package (goal: at most 1.10). The detached run's peak resident
+# memory is sampled from /proc while it works (goal: under 20 MB).
+#
+#   bench/job_throughput.sh <build dir>       REPEAT=n (default 5), best run kept
+set -euo pipefail
+build=${1:-build}
+top=$(cd "$(dirname "$0")/.." && pwd)
+case "$build" in /*) ;; *) build="$top/$build" ;; esac
+tool="$build/bin/zelkor-patchmgmt-tool"
+[ -x "$tool" ] || { echo "job_throughput: $tool is missing" >&2; exit 1; }
+command -v protoc >/dev/null || { echo "job_throughput: protoc is missing" >&2; exit 1; }
+repeat=${REPEAT:-5}
+patches=100
+perPatch=5
+packages=$((patches * perPatch))
+
+sandbox=$(mktemp -d "${TMPDIR:-/tmp}/zelkor-bench-XXXXXX")
+child=""
+cleanup() {
+  # Only the run this script started, by its pid.
+  if [ -n "$child" ] && kill -0 "$child" 2>/dev/null; then kill "$child" 2>/dev/null || true; fi
+  exec 9>&- 2>/dev/null || true
+  [ -n "${KEEP:-}" ] || rm -rf "$sandbox"
+}
+trap cleanup EXIT
+mkdir -p "$sandbox"/{config,manifests,results,interim,ahs,cgroup}
+touch "$sandbox/cgroup/tasks"
+# A descriptor that never becomes readable: `read -t` on it waits without
+# starting a process, so the sampling loop stays off the measured CPUs.
+mkfifo "$sandbox/tick"
+exec 9<>"$sandbox/tick"
+pause() { read -r -t "$1" -u 9 _ || true; }
+
+cat >"$sandbox/config/zagent-patchmgmt-log.conf" <<CONF
+logging.formatters.plain.class = PatternFormatter
+logging.formatters.plain.pattern = %p|%t
+logging.channels.file.class = FileChannel
+logging.channels.file.path = $sandbox/tool.log
+logging.channels.file.formatter = plain
+logging.loggers.tool.name = zelkor-patchmgmt-tool
+logging.loggers.tool.channel = file
+logging.loggers.tool.level = information
+CONF
+
+script="$sandbox/deploy.sh"
+cat >"$script" <<'SCRIPT'
+#!/bin/sh
+printf '{"customExitCode":0,"exitCode":0}' > "$2"
+SCRIPT
+chmod 755 "$script"
+
+started=$(date -u +%Y-%m-%dT%H:%M:%S.000Z)
+{
+  printf '{"schemaversion":1,"manifestinstanceid":1,"jobs":[{"id":"bench-job","runid":1,"type":"INSTALL",'
+  printf '"isimmediate":true,"datetime":"%s","timeout":600,"continueafterpackagefailedforpatch":false,"patches":[' "$started"
+  for p in $(seq 1 $patches); do
+    [ "$p" -gt 1 ] && printf ','
+    printf '{"zpatchid":"P-%03d","rebootrequire":false,"downloadinfo":[{"packagesbyarch":[' "$p"
+    printf '{"architecture":"x86_64","packages":['
+    for k in $(seq 1 $perPatch); do
+      [ "$k" -gt 1 ] && printf ','
+      printf '"package-%03d-%d"' "$p" "$k"
+    done
+    printf ']}]}]}'
+  done
+  printf '],"postdeployment":{"suppressreboots":true}}]}'
+} >"$sandbox/manifests/bench-manifest.json"
+
+cat >"$sandbox/args.txt" <<TXT
+operationType: PATCH
+patchArgs {
+  vendorID: "bench-vendor"
+  jobID: "bench-job"
+  runID: 1
+  manifestID: "bench-manifest"
+  manifestDirectoryPath: "$sandbox/manifests"
+  statusDBPath: "$sandbox/status.db"
+  ahsMessageDir: "$sandbox/ahs"
+  agentDetails { osName: "Debian GNU/Linux" osVersion: "12" architecture: "x86_64" agentVersion: "1.0.0" }
+  resultDirectory: "$sandbox/results"
+  interimResultOption { isInterimResultEnable: false interimResultDir: "$sandbox/interim" interimResultGenerateTimeInSeconds: 60 }
+  deploymentScriptsPaths { deploymentScriptPath: "$script" }
+  jobRecvTime: "$started"
+}
+TXT
+protoc --proto_path="$top/proto/patchcommandlineargs" \
+  --encode=com.zelkor.patch.proto.CommandlineArguments patchcommandlineargs.proto \
+  <"$sandbox/args.txt" >"$sandbox/args.bin"
+
+run=(env ZELKOR_AGENT_CONFIG_DIR="$sandbox/config" "$tool" "$sandbox/args.bin")
+if [ "$(id -u)" -eq 0 ] && [ -d /sys/fs/cgroup/systemd ] &&
+  unshare --mount --propagation private true 2>/dev/null; then
+  # As root the detached run joins /sys/fs/cgroup/systemd/tasks; a private
+  # stand-in keeps the host's control groups untouched.
+  run=(unshare --mount --propagation private -- sh -c
+    'mount --bind "$1" /sys/fs/cgroup/systemd && shift && exec "$@"' sh "$sandbox/cgroup" "${run[@]}")
+fi
+
+# VmHWM only grows: the last sample before the run ends is its peak.
+sample_peak() {
+  local key value
+  while read -r key value _; do
+    if [ "$key" = "VmHWM:" ] && [ "$value" -gt "$tool_kb" ]; then tool_kb=$value; fi
+  done <"/proc/$child/status" 2>/dev/null || true
+}
+
+# One tool run; sets tool_us, tool_kb and tool_code.
+tool_run() {
+  rm -rf "$sandbox/results" "$sandbox/tool.log"
+  mkdir -p "$sandbox/results"
+  child=""
+  tool_kb=0
+  local start exitfile="" name deadline
+  start=${EPOCHREALTIME/./}
+  "${run[@]}" || { echo "job_throughput: the tool's first process failed" >&2; return 1; }
+  for name in "$sandbox"/results/.*.exit; do if [ -e "$name" ]; then exitfile=$name; fi; done
+  [ -n "$exitfile" ] || { echo "job_throughput: no exit-code file" >&2; return 1; }
+  child=${exitfile%.exit}
+  child=${child##*.}
+  deadline=$((SECONDS + 600))
+  while [ ! -s "$exitfile" ]; do
+    sample_peak
+    [ "$SECONDS" -lt "$deadline" ] || { echo "job_throughput: the job did not finish" >&2; return 1; }
+    pause 0.01
+  done
+  tool_us=$((${EPOCHREALTIME/./} - start))
+  # The run may still be on its way out: one more look at its peak.
+  sample_peak
+  tool_code=$(<"$exitfile")
+}
+
+# The same script, run the same number of times by a bare loop; sets loop_us.
+loop_run() {
+  local start window=$((EPOCHSECONDS + 36000))
+  start=${EPOCHREALTIME/./}
+  sh -c 'i=0; while [ $i -lt "$1" ]; do i=$((i + 1)); "$2" "package-$i" "$3" "$4"; done' sh \
+    "$packages" "$script" "$sandbox/loop-output.json" "$window"
+  loop_us=$((${EPOCHREALTIME/./} - start))
+}
+
+seconds() { awk -v us="$1" 'BEGIN { printf "%.3f", us / 1e6 }'; }
+
+best_tool=0 best_loop=0 peak=0
+for ((r = 1; r <= repeat; ++r)); do
+  tool_run
+  ran=$(grep -c 'Executing deployment command: ' "$sandbox/tool.log" || true)
+  if [ "$ran" -ne "$packages" ] || [ "$tool_code" != 0 ]; then
+    echo "job_throughput: $ran of $packages packages ran, exit code '$tool_code'; log:" >&2
+    tail -5 "$sandbox/tool.log" >&2
+    exit 1
+  fi
+  loop_run
+  echo "run $r: tool $(seconds "$tool_us") s, loop $(seconds "$loop_us") s, peak $tool_kb kB"
+  if [ "$best_tool" -eq 0 ] || [ "$tool_us" -lt "$best_tool" ]; then best_tool=$tool_us; fi
+  if [ "$best_loop" -eq 0 ] || [ "$loop_us" -lt "$best_loop" ]; then best_loop=$loop_us; fi
+  if [ "$tool_kb" -gt "$peak" ]; then peak=$tool_kb; fi
+done
+
+echo "job of $packages packages ($patches patches x $perPatch), best of $repeat, tool exit code $tool_code"
+echo "tool (start to exit-code file): $(seconds "$best_tool") s"
+echo "shell loop, same script:        $(seconds "$best_loop") s"
+awk -v t="$best_tool" -v l="$best_loop" -v kb="$peak" 'BEGIN {
+  printf "ratio tool / loop:              %.3f (goal <= 1.10)\n", t / l
+  printf "peak resident memory (VmHWM):   %.1f MB (goal < 20 MB)\n", kb / 1024 }'
