@@ -8,6 +8,8 @@
 # under 20 MB).
 #
 #   bench/job_throughput.sh <build dir>       REPEAT=n runs (default 5)
+#   PATCHES=n (100) and PACKAGES_PER_PATCH=n (5) size the job; one package
+#   alone shows the fixed cost of a run (start, detach, result document).
 set -euo pipefail
 build=${1:-build}
 top=$(cd "$(dirname "$0")/.." && pwd)
