@@ -1,6 +1,6 @@
 #include "args/commandlineargs.h"
 
-#include "util/logcapture.h"
+#include "support/sandbox.h"
 
 namespace {
 

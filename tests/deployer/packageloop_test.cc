@@ -77,19 +77,6 @@ TEST_F(PackageLoopTest, PatchIsClassifiedFromItsPackagesAndAFailureEndsItUnlessT
   EXPECT_TRUE(HasLogLine(log, "[FAILED]: GO", "Information"));
 }
 
-TEST_F(PackageLoopTest, PackageNameIsOneLiteralArgumentToTheScript) {
-  const Lines names{"a;touch " + dir_.Join("x") + ";b-0", "$(touch " + dir_.Join("y") + ")-0", "c d-0"};
-  PatchResult& r = Deploy("P1", names, false);
-
-  EXPECT_EQ(Packages(), names);
-  EXPECT_FALSE(pmtest::PathExists(dir_.Join("x")));
-  EXPECT_FALSE(pmtest::PathExists(dir_.Join("y")));
-  EXPECT_EQ(r.successPackages, Names(names.begin(), names.end()));
-  // The log still shows the command as one line of text.
-  EXPECT_TRUE(pmtest::HasLogPrefix(Log(), "Executing deployment command: " + settings_.deploymentScriptPath +
-                                              " " + names[0] + " " + settings_.scriptOutputPath + " "));
-}
-
 TEST_F(PackageLoopTest, UnusableOutputFileFailsThePackageWithItsReason) {
   WriteScript(
       "printf 'err:%s' \"$1\" >&2\n"

@@ -9,8 +9,6 @@
 
 #include "deployer/patcher.h"
 #include "support/sandbox.h"
-#include "zelkor/agent.h"
-#include "zelkor/logger.h"
 
 namespace patchmgmt::deployer {
 
@@ -18,13 +16,11 @@ using Names = std::set<std::string>;
 using Lines = std::vector<std::string>;
 
 // A real /bin/sh deployment script in a temporary directory, and the tool's
-// logger writing to a file beside it at trace level.
-class ScriptTest : public ::testing::Test {
+// logger writing to a file beside it.
+class ScriptTest : public pmtest::LogCaptureTest {
  protected:
   void SetUp() override {
-    zagent::LOGGER_NAME = "zelkor-patchmgmt-tool";
-    ASSERT_TRUE(util::logger::InitializeLogger(pmtest::WriteLogConfig(dir_.Join("log.conf"), logPath_),
-                                               "/var/log/zelkor/"));
+    LogCaptureTest::SetUp();
     // Records its arguments; the package name's last "-N" is the outcome N,
     // reported with exit code N + 10 so that it differs from the process's 0.
     WriteScript("printf '%s|' \"$@\" >> '" + callsPath_ + "'; echo >> '" + callsPath_ +
@@ -49,7 +45,6 @@ class ScriptTest : public ::testing::Test {
     for (const std::string& call : Calls()) packages.push_back(call.substr(0, call.find('|')));
     return packages;
   }
-  std::vector<pmtest::LogLine> Log() const { return pmtest::ReadLog(logPath_); }
 
   // "exitCode|name|error text|output" per failed package.
   static Lines FailedRecords(const PatchResult& result) {
@@ -60,8 +55,6 @@ class ScriptTest : public ::testing::Test {
     return records;
   }
 
-  pmtest::TempDir dir_;
-  std::string logPath_ = dir_.Join("tool.log");
   std::string callsPath_ = dir_.Join("calls");
   ScriptSettings settings_{dir_.Join("deploy.sh"), dir_.Join("scriptOutput.json"), "", "", ""};
 };

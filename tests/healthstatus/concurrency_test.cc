@@ -1,12 +1,10 @@
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
 #include <atomic>
 #include <map>
 #include <thread>
 #include <vector>
 
 #include "healthstatus/patchstatushelper.h"
+#include "statusrows.h"
 #include "support/sandbox.h"
 
 namespace patchmgmt {
@@ -16,15 +14,7 @@ using Helper = PatchStatusHelper;
 
 std::map<std::string, int> CountRowsByContext(const std::string& dbPath) {
   std::map<std::string, int> counts;
-  sqlite3* db = nullptr;
-  EXPECT_EQ(sqlite3_open_v2(dbPath.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
-  sqlite3_stmt* stmt = nullptr;
-  EXPECT_EQ(sqlite3_prepare_v2(db, "SELECT ContextId FROM Status", -1, &stmt, nullptr), SQLITE_OK);
-  while (stmt != nullptr && sqlite3_step(stmt) == SQLITE_ROW) {
-    ++counts[reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0))];
-  }
-  sqlite3_finalize(stmt);
-  sqlite3_close(db);
+  for (const auto& row : ReadRows(dbPath)) ++counts[row[2]];
   return counts;
 }
 

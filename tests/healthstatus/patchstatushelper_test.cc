@@ -1,7 +1,6 @@
 #include "healthstatus/patchstatushelper.h"
 
-#include <gtest/gtest.h>
-#include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <ctime>
 #include <fstream>
@@ -10,47 +9,19 @@
 
 #include "healthstatus/healthstatustoolhelper.h"
 #include "healthstatus/patchstatusdatabase.h"
+#include "statusrows.h"
 #include "support/sandbox.h"
 #include "util/timestamps.h"
-#include "zelkor/agent.h"
-#include "zelkor/logger.h"
 
 namespace patchmgmt {
 namespace {
 
 using Helper = PatchStatusHelper;
+using Texts = std::vector<std::string>;
 
-struct Row {
-  std::string dateTime, protoType, contextId, statusCode, state, extraFields;
-};
-
-std::vector<Row> ReadRows(const std::string& dbPath) {
-  std::vector<Row> rows;
-  sqlite3* db = nullptr;
-  EXPECT_EQ(sqlite3_open_v2(dbPath.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
-  sqlite3_stmt* stmt = nullptr;
-  EXPECT_EQ(
-      sqlite3_prepare_v2(db,
-                         "SELECT DateTime, ProtoType, ContextId, StatusCode, State, ExtraFields, INTEGER "
-                         "FROM Status ORDER BY rowid",
-                         -1, &stmt, nullptr),
-      SQLITE_OK)
-      << sqlite3_errmsg(db);
-  auto text = [&](int column) {
-    const unsigned char* value = sqlite3_column_text(stmt, column);
-    return value == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(value));
-  };
-  while (stmt != nullptr && sqlite3_step(stmt) == SQLITE_ROW) {
-    rows.push_back({text(0), text(1), text(2), text(3), text(4), text(5)});
-  }
-  sqlite3_finalize(stmt);
-  sqlite3_close(db);
-  return rows;
-}
-
-std::vector<std::string> QueuedContexts() {
+Texts QueuedContexts() {
   std::lock_guard<std::mutex> guard(Helper::lock_);
-  std::vector<std::string> contexts;
+  Texts contexts;
   for (auto copy = Helper::queOfAhsMessages_; !copy.empty(); copy.pop())
     contexts.push_back(copy.front().contextId);
   return contexts;
@@ -63,25 +34,19 @@ ahs::PatchAHSMessages ReadMessageFile(const std::string& path) {
   return messages;
 }
 
-// One log file for the whole binary; each test looks for texts naming its own
-// temporary paths.
-const std::string& LogPath() {
-  static const pmtest::TempDir dir;
-  static const std::string path = [] {
-    zagent::LOGGER_NAME = "zelkor-patchmgmt-tool";
-    const std::string logPath = dir.Join("tool.log");
-    util::logger::InitializeLogger(pmtest::WriteLogConfig(dir.Join("log.conf"), logPath), dir.path());
-    return logPath;
-  }();
-  return path;
+// "key=value" of each extra field, in file order.
+Texts ExtraFields(const ahs::PatchAHSMessage& message) {
+  Texts fields;
+  for (const auto& field : message.extrafieldsarray()) fields.push_back(field.key() + "=" + field.value());
+  return fields;
 }
 
 // The queue and `writer` are process-wide; each test starts and ends with
 // both empty.
-class PatchStatusTest : public ::testing::Test {
+class PatchStatusTest : public pmtest::LogCaptureTest {
  protected:
   void SetUp() override {
-    LogPath();
+    LogCaptureTest::SetUp();
     Drain();
   }
   void TearDown() override { Drain(); }
@@ -90,34 +55,30 @@ class PatchStatusTest : public ::testing::Test {
     std::lock_guard<std::mutex> guard(Helper::lock_);
     Helper::writer.Clear();
   }
-  pmtest::TempDir dir;
 };
 
 TEST_F(PatchStatusTest, RowsLandInStatusTableWithTheirColumns) {
-  const std::string dbPath = dir.Join("status.db");
+  const std::string dbPath = dir_.Join("status.db");
   ASSERT_TRUE(PatchStatusDBHelper::InitialiseStatusDB(dbPath));
   ASSERT_TRUE(PatchStatusDBHelper::InitialiseStatusDB(dbPath));
+  struct stat info {};
+  ASSERT_EQ(stat(dbPath.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 077, 0u) << "owner-only";
 
   PatchMgmtHealthStatus plain("ctx-plain", 0, 0);
   EXPECT_EQ(PatchStatusDBHelper::AddStatusRow(0, plain, 17, ahs::Success), 0);
   EXPECT_EQ(PatchStatusDBHelper::AddStatusRowWithExtraFields(1706702400, plain, 18, ahs::Failed,
-                                                             {{"b", "x\"y"}, {"a", "1"}}),
+                                                             {{"b", "x\"y\nz"}, {"a", "1"}}),
             0);
   EXPECT_EQ(Helper::ReportManifestOsStatus("ctx-mos", 19, ahs::InProgress, "m1", "mi1", 7, -3), 0);
 
   const auto rows = ReadRows(dbPath);
   ASSERT_EQ(rows.size(), 3u);
-  EXPECT_EQ(rows[0].dateTime, "1970-01-01T00:00:00Z");
-  EXPECT_EQ(rows[0].protoType, "4");
-  EXPECT_EQ(rows[0].contextId, "ctx-plain");
-  EXPECT_EQ(rows[0].statusCode, "17");
-  EXPECT_EQ(rows[0].state, "1");
-  EXPECT_EQ(rows[1].dateTime, "2024-01-31T12:00:00Z");
-  EXPECT_EQ(rows[1].statusCode, "18");
-  EXPECT_EQ(rows[1].extraFields, R"({"a":"1","b":"x\"y"})");
-  EXPECT_TRUE(std::regex_match(rows[2].dateTime, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)")));
-  EXPECT_EQ(rows[2].extraFields,
-            R"({"manifestId":"m1","manifestInstanceId":"mi1","osStatus":"-3","runId":"7"})");
+  EXPECT_EQ(rows[0], (Texts{"1970-01-01T00:00:00Z", "4", "ctx-plain", "17", "1", "{}"}));
+  EXPECT_EQ(rows[1],
+            (Texts{"2024-01-31T12:00:00Z", "4", "ctx-plain", "18", "2", R"({"a":"1","b":"x\"y\nz"})"}));
+  EXPECT_TRUE(std::regex_match(rows[2][0], std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)")));
+  EXPECT_EQ(rows[2][5], R"({"manifestId":"m1","manifestInstanceId":"mi1","osStatus":"-3","runId":"7"})");
 
   // The select and delete texts address the same rows the agent reads back.
   auto& database = *PatchStatusDBHelper::statusDBObjPtr_;
@@ -128,20 +89,53 @@ TEST_F(PatchStatusTest, RowsLandInStatusTableWithTheirColumns) {
   EXPECT_EQ(ReadRows(dbPath).size(), 2u);
 }
 
+TEST_F(PatchStatusTest, WriteWaitsOutAnotherConnectionsWriteLock) {
+  PatchStatusDatabase unopenable(dir_.Join("missing/status.db"));
+  try {
+    unopenable.CreateDatabase();
+    ADD_FAILURE() << "opened a database in a missing directory";
+  } catch (const util::modulestatus::StatusDBOpenError& error) {
+    EXPECT_NE(std::string(error.what()).find("unable to open database file"), std::string::npos)
+        << error.what();
+  }
+
+  PatchStatusDatabase db(dir_.Join("status.db"));
+  db.CreateDatabase();
+  ASSERT_EQ(db.CreateTables(), 0);
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(db.path().c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  const util::modulestatus::Status status{"2024-01-31T12:00:00Z", "after release", 8976, 2, {}};
+  EXPECT_EQ(db.ExecuteQueryTillMaxRetry(db.GetInsertQuery(status), 0), SQLITE_BUSY)
+      << "one attempt cannot pass while the lock is held";
+
+  std::thread holder([other] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
+  });
+  const int written = util::modulestatus::StatusDBWriter(db).WriteStatusRow(status);
+  holder.join();
+  sqlite3_close(other);
+  EXPECT_EQ(written, 0);
+  const auto rows = ReadRows(db.path());
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0][2], "after release");
+}
+
 TEST_F(PatchStatusTest, UnavailableDatabaseQueuesInOrderAndOneFlushWritesAll) {
   const int64_t before = std::time(nullptr);
-  Helper::SetStatusPaths(dir.path(), dir.Join("missing/status.db"));
+  Helper::SetStatusPaths(dir_.path(), dir_.Join("missing/status.db"));
   Helper::AddHealthStatus(PatchMgmtHealthStatus("first", 1, ahs::Success));
   Helper::AddHealthStatus(PatchMgmtHealthStatus("second", 2, ahs::Failed));
-  pmtest::WriteTextFile(dir.Join("notadb"), "this is not an SQLite database, just some text\n");
-  Helper::SetStatusPaths(dir.path(), dir.Join("notadb"));
+  pmtest::WriteTextFile(dir_.Join("notadb"), "this is not an SQLite database, just some text\n");
+  Helper::SetStatusPaths(dir_.path(), dir_.Join("notadb"));
   PatchMgmtHealthStatus third("third", 3, ahs::InProgress);
   third.extraFields["k"] = "v";
   Helper::AddHealthStatus(third);
   EXPECT_EQ(Helper::FlushQueuedStatuses(), 1);
   const int64_t after = std::time(nullptr);
 
-  ASSERT_EQ(QueuedContexts(), (std::vector<std::string>{"first", "second", "third"}));
+  ASSERT_EQ(QueuedContexts(), (Texts{"first", "second", "third"}));
   std::vector<int64_t> stamps;
   {
     std::lock_guard<std::mutex> guard(Helper::lock_);
@@ -152,136 +146,115 @@ TEST_F(PatchStatusTest, UnavailableDatabaseQueuesInOrderAndOneFlushWritesAll) {
     EXPECT_GE(stamp, before);
     EXPECT_LE(stamp, after);
   }
-  const auto log = pmtest::ReadLog(LogPath());
   EXPECT_TRUE(
-      pmtest::HasLogLine(log, "Intializing patch status DB: " + dir.Join("missing/status.db"), "Trace"));
-  EXPECT_TRUE(pmtest::HasLogPrefix(log, "StatusDBOpenError exception in InitialiseStatusDB: "));
+      pmtest::HasLogLine(Log(), "Intializing patch status DB: " + dir_.Join("missing/status.db"), "Trace"));
+  EXPECT_TRUE(pmtest::HasLogPrefix(Log(), "StatusDBOpenError exception in InitialiseStatusDB: "));
 
   // A retry in a later second must still write the time of the first attempt.
   while (std::time(nullptr) <= after) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  const std::string dbPath = dir.Join("status.db");
-  Helper::SetStatusPaths(dir.path(), dbPath);
+  const std::string dbPath = dir_.Join("status.db");
+  Helper::SetStatusPaths(dir_.path(), dbPath);
   EXPECT_EQ(Helper::FlushQueuedStatuses(), 1);
   EXPECT_TRUE(QueuedContexts().empty());
   const auto rows = ReadRows(dbPath);
   ASSERT_EQ(rows.size(), 3u);
-  for (size_t i = 0; i < rows.size(); ++i) EXPECT_EQ(rows[i].dateTime, FormatStatusTime(stamps[i]));
-  EXPECT_EQ(rows[0].contextId, "first");
-  EXPECT_EQ(rows[1].contextId, "second");
-  EXPECT_EQ(rows[2].contextId, "third");
-  EXPECT_EQ(rows[2].extraFields, R"({"k":"v"})");
+  const Texts contexts{"first", "second", "third"};
+  for (size_t i = 0; i < rows.size(); ++i) {
+    EXPECT_EQ(rows[i][0], FormatStatusTime(stamps[i]));
+    EXPECT_EQ(rows[i][2], contexts[i]);
+  }
+  EXPECT_EQ(rows[2][5], R"({"k":"v"})");
   EXPECT_EQ(Helper::FlushQueuedStatuses(), 1);
   EXPECT_EQ(ReadRows(dbPath).size(), 3u);
 }
 
 TEST_F(PatchStatusTest, QuotedContextIdStaysQueuedWithoutHarmingOtherRows) {
-  const std::string dbPath = dir.Join("status.db");
-  Helper::SetStatusPaths(dir.Join("ahs"), dbPath);
+  const std::string dbPath = dir_.Join("status.db");
+  // Closes the insert's quote and tries a second statement after it.
+  const std::string hostile = "x','2','1','{}'); DELETE FROM Status; --";
+  Helper::SetStatusPaths(dir_.Join("ahs"), dbPath);
   Helper::AddHealthStatus(PatchMgmtHealthStatus("before", 1, ahs::Success));
+  Helper::AddHealthStatus(PatchMgmtHealthStatus(hostile, 2, ahs::Failed));
   Helper::AddHealthStatus(PatchMgmtHealthStatus("job's patch", 2, ahs::Failed));
   Helper::AddHealthStatus(PatchMgmtHealthStatus("after", 3, ahs::Success));
-  EXPECT_EQ(QueuedContexts(), std::vector<std::string>{"job's patch"});
+  EXPECT_EQ(QueuedContexts(), (Texts{hostile, "job's patch"}));
 
-  // A record queued behind the refused one waits for it: rows keep event order.
-  Helper::SetStatusPaths(dir.Join("ahs"), dir.Join("missing/status.db"));
+  // A record queued behind the refused ones waits for them: rows keep event order.
+  Helper::SetStatusPaths(dir_.Join("ahs"), dir_.Join("missing/status.db"));
   Helper::AddHealthStatus(PatchMgmtHealthStatus("queued later", 4, ahs::Success));
-  Helper::SetStatusPaths(dir.Join("ahs"), dbPath);
+  Helper::SetStatusPaths(dir_.Join("ahs"), dbPath);
   Helper::FlushQueuedStatuses();
-  EXPECT_EQ(QueuedContexts(), (std::vector<std::string>{"job's patch", "queued later"}));
+  EXPECT_EQ(QueuedContexts(), (Texts{hostile, "job's patch", "queued later"}));
   auto rows = ReadRows(dbPath);
   ASSERT_EQ(rows.size(), 2u);
-  EXPECT_EQ(rows[0].contextId, "before");
-  EXPECT_EQ(rows[1].contextId, "after");
+  EXPECT_EQ(rows[0][2], "before");
+  EXPECT_EQ(rows[1][2], "after");
 
-  // At the end of the run both reach the message file, nothing is lost.
+  // At the end of the run they reach the message file, nothing is lost.
   EXPECT_TRUE(Helper::SaveQueuedStatuses());
-  const auto files = pmtest::ListDir(dir.Join("ahs"));
+  const auto files = pmtest::ListDir(dir_.Join("ahs"));
   ASSERT_EQ(files.size(), 1u);
-  const auto messages = ReadMessageFile(dir.Join("ahs/" + files[0]));
-  ASSERT_EQ(messages.patchahsmessages_size(), 2);
-  EXPECT_EQ(messages.patchahsmessages(0).contextid(), "job's patch");
-  EXPECT_EQ(messages.patchahsmessages(1).contextid(), "queued later");
+  const auto messages = ReadMessageFile(dir_.Join("ahs/" + files[0]));
+  ASSERT_EQ(messages.patchahsmessages_size(), 3);
+  EXPECT_EQ(messages.patchahsmessages(0).contextid(), hostile);
+  EXPECT_EQ(messages.patchahsmessages(2).contextid(), "queued later");
   EXPECT_EQ(ReadRows(dbPath).size(), 2u);
 }
 
-TEST_F(PatchStatusTest, MessageFileDecodesThroughGeneratedClasses) {
+TEST_F(PatchStatusTest, MessageFilesDecodeThroughGeneratedClasses) {
   ahs::PatchAHSMessages empty;
-  EXPECT_TRUE(Helper::WriteAhsMessages(empty, dir.Join("empty.dat")));
-  EXPECT_FALSE(pmtest::PathExists(dir.Join("empty.dat")));
+  EXPECT_TRUE(Helper::WriteAhsMessages(empty, dir_.Join("empty.dat")));
+  EXPECT_FALSE(pmtest::PathExists(dir_.Join("empty.dat")));
+  EXPECT_TRUE(pmtest::HasLogLine(Log(), "No AHS messages to be written", "Debug"));
 
-  Helper::SetStatusPaths(dir.path(), dir.Join("missing/status.db"));
-  Helper::AddHealthStatus(PatchMgmtHealthStatus("plain", 7, ahs::Disable));
-  PatchMgmtHealthStatus extra("extra", 4000000000u, ahs::Enable);
-  extra.dateTime = 1700000000;
-  extra.extraFields = {{"zeta", "3"}, {"alpha", "1"}, {"mid", "2"}};
-  Helper::AddHealthStatus(extra);
-  EXPECT_EQ(Helper::CollectQueuedStatuses(), 1);
-  EXPECT_TRUE(QueuedContexts().empty());
-  std::lock_guard<std::mutex> guard(Helper::lock_);
-  const std::string path = Helper::collectedFilePath_;
-  EXPECT_EQ(path.rfind(dir.Join("PatchAHSMessage_"), 0), 0u) << path;
-
-  EXPECT_FALSE(Helper::WriteAhsMessages(Helper::writer, ""));
-  EXPECT_FALSE(Helper::WriteAhsMessages(Helper::writer, dir.Join("missing/x.dat")));
-  EXPECT_EQ(Helper::writer.patchahsmessages_size(), 2);
-  EXPECT_EQ(pmtest::ListDir(dir.path()).size(), 0u);
-  ASSERT_TRUE(Helper::WriteAhsMessages(Helper::writer, path));
-  EXPECT_EQ(Helper::writer.patchahsmessages_size(), 0);
-
-  const auto messages = ReadMessageFile(path);
-  ASSERT_EQ(messages.patchahsmessages_size(), 2);
-  EXPECT_EQ(messages.patchahsmessages(0).contextid(), "plain");
-  EXPECT_EQ(messages.patchahsmessages(0).state(), ahs::Disable);
-  EXPECT_GT(messages.patchahsmessages(0).datetimeepoch(), 0);
-  EXPECT_EQ(messages.patchahsmessages(0).extrafieldsarray_size(), 0);
-  const auto& second = messages.patchahsmessages(1);
-  EXPECT_EQ(second.statuscode(), 4000000000u);
-  EXPECT_EQ(second.state(), ahs::Enable);
-  EXPECT_EQ(second.datetimeepoch(), 1700000000);
-  ASSERT_EQ(second.extrafieldsarray_size(), 3);
-  EXPECT_EQ(second.extrafieldsarray(0).key(), "alpha");
-  EXPECT_EQ(second.extrafieldsarray(1).key(), "mid");
-  EXPECT_EQ(second.extrafieldsarray(2).key(), "zeta");
-  EXPECT_EQ(second.extrafieldsarray(2).value(), "3");
-
-  const auto log = pmtest::ReadLog(LogPath());
-  EXPECT_TRUE(pmtest::HasLogLine(log, "No AHS messages to be written", "Debug"));
-  EXPECT_TRUE(pmtest::HasLogLine(log, "Number of AHS messages to be written : 2", "Debug"));
-  EXPECT_TRUE(pmtest::HasLogLine(log, "Writting AHS messages to file " + path, "Debug"));
-  EXPECT_TRUE(pmtest::HasLogLine(
-      log, "Failed to open file: " + dir.Join("missing/x.dat") + " error: No such file or directory",
-      "Error"));
-}
-
-TEST_F(PatchStatusTest, EndOfRunSavesQueuedManifestStatusesToOneFile) {
-  const std::string ahsDir = dir.Join("ahs");
+  const std::string ahsDir = dir_.Join("ahs");
   auto helper = HealthStatusToolHelper::GetInstance("job-ctx", "agent-1", "m1", "mi1", ahsDir,
-                                                    dir.Join("missing/status.db"));
+                                                    dir_.Join("missing/status.db"));
   ASSERT_TRUE(helper);
   EXPECT_EQ(HealthStatusToolHelper::GetInstance("other", "", "", "", "", ""), helper);
   EXPECT_TRUE(Helper::SaveQueuedStatuses());
-  EXPECT_FALSE(pmtest::PathExists(ahsDir));
+  EXPECT_FALSE(pmtest::PathExists(ahsDir)) << "nothing queued, nothing written";
 
   helper->QueueManifestStatus(8976, ahs::InProgress);
+  PatchMgmtHealthStatus extra("extra", 4000000000u, ahs::Enable);
+  extra.dateTime = 1700000000;
+  extra.extraFields = {{"zeta", "3"}, {"alpha", "1"}};
+  Helper::AddHealthStatus(extra);
   helper->QueueManifestOsStatus(8977, ahs::Failed, "12");
   const int64_t before = std::time(nullptr);
+  EXPECT_EQ(Helper::CollectQueuedStatuses(), 1);
+  EXPECT_TRUE(QueuedContexts().empty());
+  {
+    std::lock_guard<std::mutex> guard(Helper::lock_);
+    EXPECT_FALSE(Helper::WriteAhsMessages(Helper::writer, ""));
+    const std::string missing = dir_.Join("missing/x.dat");
+    EXPECT_FALSE(Helper::WriteAhsMessages(Helper::writer, missing));
+    EXPECT_TRUE(pmtest::HasLogLine(
+        Log(), "Failed to open file: " + missing + " error: No such file or directory", "Error"));
+    EXPECT_EQ(Helper::writer.patchahsmessages_size(), 3) << "kept for the next attempt";
+  }
   EXPECT_TRUE(Helper::SaveQueuedStatuses());
   const auto files = pmtest::ListDir(ahsDir);
   ASSERT_EQ(files.size(), 1u);
-  const int64_t secs = std::stoll(files[0].substr(std::string("PatchAHSMessage_").size()));
-  EXPECT_EQ(files[0], "PatchAHSMessage_" + std::to_string(secs) + ".dat");
-  EXPECT_GE(secs, before);
+  const int64_t seconds = std::stoll(files[0].substr(std::string("PatchAHSMessage_").size()));
+  EXPECT_EQ(files[0], "PatchAHSMessage_" + std::to_string(seconds) + ".dat");
+  EXPECT_GE(seconds, before);
+  EXPECT_TRUE(pmtest::HasLogLine(Log(), "Number of AHS messages to be written : 3", "Debug"));
+  EXPECT_TRUE(pmtest::HasLogLine(Log(), "Writting AHS messages to file " + ahsDir + "/" + files[0], "Debug"));
 
   const auto messages = ReadMessageFile(ahsDir + "/" + files[0]);
-  ASSERT_EQ(messages.patchahsmessages_size(), 2);
-  const auto& os = messages.patchahsmessages(1);
-  EXPECT_EQ(messages.patchahsmessages(0).statuscode(), 8976u);
-  EXPECT_EQ(os.contextid(), "job-ctx");
-  EXPECT_EQ(os.statuscode(), 8977u);
-  ASSERT_EQ(os.extrafieldsarray_size(), 3);
-  EXPECT_EQ(os.extrafieldsarray(0).key() + "=" + os.extrafieldsarray(0).value(), "manifestId=m1");
-  EXPECT_EQ(os.extrafieldsarray(1).key() + "=" + os.extrafieldsarray(1).value(), "manifestInstanceId=mi1");
-  EXPECT_EQ(os.extrafieldsarray(2).key() + "=" + os.extrafieldsarray(2).value(), "osStatus=12");
+  ASSERT_EQ(messages.patchahsmessages_size(), 3);
+  const auto& manifest = messages.patchahsmessages(0);
+  EXPECT_EQ(manifest.contextid(), "job-ctx");
+  EXPECT_EQ(manifest.state(), ahs::InProgress);
+  EXPECT_GE(manifest.datetimeepoch(), before - 5);
+  const auto& second = messages.patchahsmessages(1);
+  EXPECT_EQ(second.statuscode(), 4000000000u);
+  EXPECT_EQ(second.datetimeepoch(), 1700000000);
+  EXPECT_EQ(ExtraFields(second), (Texts{"alpha=1", "zeta=3"}));
+  EXPECT_EQ(messages.patchahsmessages(2).statuscode(), 8977u);
+  EXPECT_EQ(ExtraFields(messages.patchahsmessages(2)),
+            (Texts{"manifestId=m1", "manifestInstanceId=mi1", "osStatus=12"}));
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "manifest/deploymentmanifest.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <string>
@@ -11,8 +9,6 @@
 
 #include "support/sandbox.h"
 #include "util/json.h"
-#include "zelkor/agent.h"
-#include "zelkor/logger.h"
 
 // After util/json.h, so that the pointer helpers share its consistency hook.
 #include <rapidjson/pointer.h>
@@ -52,19 +48,8 @@ const char* const kFullManifest = R"({
 // text, or an empty text to remove the key.
 using Edit = std::pair<std::string, std::string>;
 
-class ManifestParseTest : public ::testing::Test {
+class ManifestParseTest : public pmtest::LogCaptureTest {
  protected:
-  void SetUp() override { UseLogLevel("trace"); }
-
-  void UseLogLevel(const std::string& level) {
-    zagent::LOGGER_NAME = "zelkor-patchmgmt-tool";
-    logPath_ = dir_.Join("tool-" + std::to_string(++logs_) + ".log");
-    const std::string config = pmtest::WriteLogConfig(dir_.Join("log.conf"), logPath_, level);
-    ASSERT_TRUE(util::logger::InitializeLogger(config, dir_.path() + "/"));
-  }
-
-  std::vector<LogLine> Log() const { return pmtest::ReadLog(logPath_); }
-
   int32_t ParseText(const std::string& text) {
     manifest_ = DeploymentJobManifest("v1");
     pmtest::WriteTextFile(path_, text);
@@ -95,9 +80,6 @@ class ManifestParseTest : public ::testing::Test {
                          [&](const LogLine& line) { return line.priority == priority; });
   }
 
-  pmtest::TempDir dir_;
-  std::string logPath_;
-  int logs_ = 0;
   std::string path_ = dir_.Join("manifest1.json");
   DeploymentJobManifest manifest_;
 };
@@ -163,10 +145,10 @@ TEST_F(ManifestParseTest, DumpWritesTheExactLinesOnlyAtDebugOrFiner) {
                 "[Patch]:Deployment manifest: " + path_ + " parsed successfully",
             }));
 
-  UseLogLevel("debug");
+  CaptureLog("debug");
   ASSERT_EQ(ParseText(kFullManifest), kManifestOk);
   EXPECT_FALSE(pmtest::HasLogPrefix(Log(), "[Patch]:Deployment manifest content: "));
-  UseLogLevel("information");
+  CaptureLog("information");
   ASSERT_EQ(ParseText(kFullManifest), kManifestOk);
   EXPECT_EQ(CountPriority("Debug") + CountPriority("Trace"), 0u);
   EXPECT_EQ(CountPriority("Warning"), 1u);
@@ -217,7 +199,7 @@ TEST_F(ManifestParseTest, RequiredKeyMissingOrMistypedFailsWithOneMessageFromIts
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.edits[0].first + " := " + c.edits[0].second);
-    UseLogLevel("trace");
+    CaptureLog("trace");
     EXPECT_EQ(ParseEdited(c.edits), kManifestInvalid);
     EXPECT_EQ(CountPriority("Error"), c.message.empty() ? 0u : 1u);
     if (!c.message.empty()) {
@@ -263,7 +245,7 @@ TEST_F(ManifestParseTest, OptionalKeysOfTheWrongTypeCountAsAbsent) {
   EXPECT_EQ(manifest_.jobs[0].patches[0].downloadInfo.hashes[0].type, "MD5");
 
   // A job of another type is skipped before its other keys are looked at.
-  UseLogLevel("trace");
+  CaptureLog("trace");
   ASSERT_EQ(ParseEdited({{"/jobs/0/type", "\"UNINSTALL\""}, {"/jobs/0/isimmediate", ""}}), kManifestOk);
   EXPECT_TRUE(manifest_.jobs.empty());
   EXPECT_EQ(CountPriority("Warning"), 2u);
@@ -282,7 +264,7 @@ TEST_F(ManifestParseTest, UnreadableOrNonObjectFilesAreRejected) {
                                           "\"{}\""};
   for (const std::string& text : texts) {
     SCOPED_TRACE(text);
-    UseLogLevel("trace");
+    CaptureLog("trace");
     EXPECT_EQ(ParseText(text), kManifestInvalid);
     EXPECT_TRUE(HasLogLine(Log(), notJson, "Error"));
   }

@@ -1,6 +1,5 @@
 #include "results/interimgenerator.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -10,9 +9,7 @@
 #include <thread>
 
 #include "support/sandbox.h"
-#include "zelkor/agent.h"
 #include "zelkor/filerep.h"
-#include "zelkor/logger.h"
 
 namespace patchmgmt {
 namespace {
@@ -153,12 +150,10 @@ TEST(WriteInterimResultTest, LeavesNoTemporaryFileBehind) {
   EXPECT_FALSE(pmtest::PathExists(dir.Join("missing")));
 }
 
-class InterimGeneratorTest : public ::testing::Test {
+class InterimGeneratorTest : public pmtest::LogCaptureTest {
  protected:
   void SetUp() override {
-    zagent::LOGGER_NAME = "zelkor-patchmgmt-tool";
-    ASSERT_TRUE(
-        util::logger::InitializeLogger(pmtest::WriteLogConfig(dir_.Join("log.conf"), logPath_), dir_.path()));
+    LogCaptureTest::SetUp();
     ASSERT_EQ(mkdir(interimDir_.c_str(), 0700), 0);
     InterimResults::instance_.Clear();
   }
@@ -172,8 +167,6 @@ class InterimGeneratorTest : public ::testing::Test {
     return false;
   }
 
-  pmtest::TempDir dir_;
-  const std::string logPath_ = dir_.Join("tool.log");
   const std::string interimDir_ = dir_.Join("interim");
   const JobRunInfo job_ = SampleJob();
 };
@@ -213,10 +206,7 @@ TEST_F(InterimGeneratorTest, StopDuringTheWaitEndsItWithoutADocument) {
   auto generator = std::make_unique<InterimResultGeneratorThread>(job_, interimDir_, 60, true);
   generator->Start();
   ASSERT_TRUE(pmtest::WaitFor(
-      [&] {
-        return pmtest::HasLogLine(pmtest::ReadLog(logPath_), "Interim Result Generator Thread Started");
-      },
-      10s));
+      [&] { return pmtest::HasLogLine(Log(), "Interim Result Generator Thread Started"); }, 10s));
 
   const auto stopRequested = std::chrono::steady_clock::now();
   generator.reset();

@@ -1,9 +1,9 @@
 #include "support/sandbox.h"
 
 #include <Poco/DateTimeFormatter.h>
+#include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/Timestamp.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -23,6 +23,9 @@
 #include <sstream>
 #include <stdexcept>
 #include <thread>
+
+#include "zelkor/agent.h"
+#include "zelkor/logger.h"
 
 extern char** environ;
 
@@ -141,13 +144,10 @@ bool PathExists(const std::string& path) {
 
 std::vector<std::string> ListDir(const std::string& path) {
   std::vector<std::string> names;
-  DIR* dir = opendir(path.c_str());
-  if (dir == nullptr) return names;
-  while (dirent* entry = readdir(dir)) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
+  try {
+    Poco::File(path).list(names);
+  } catch (const Poco::Exception&) {
   }
-  closedir(dir);
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -199,6 +199,13 @@ bool HasLogLine(const std::vector<LogLine>& log, const std::string& text, const 
 bool HasLogPrefix(const std::vector<LogLine>& log, const std::string& prefix) {
   return std::any_of(log.begin(), log.end(),
                      [&](const LogLine& line) { return line.text.compare(0, prefix.size(), prefix) == 0; });
+}
+
+void LogCaptureTest::CaptureLog(const std::string& level) {
+  zagent::LOGGER_NAME = "zelkor-patchmgmt-tool";
+  logPath_ = dir_.Join("tool-" + std::to_string(++logs_) + ".log");
+  ASSERT_TRUE(util::logger::InitializeLogger(WriteLogConfig(dir_.Join("log.conf"), logPath_, level),
+                                             dir_.path() + "/"));
 }
 
 void WriteDeploymentScript(const std::string& path, const std::string& body) {
@@ -302,8 +309,7 @@ bool ToolProcess::CanIsolateCgroup() {
   return possible;
 }
 
-ToolProcess::ToolProcess(const ToolSandbox& sandbox, const std::vector<std::string>& toolArgs,
-                         const std::map<std::string, std::string>& extraEnv)
+ToolProcess::ToolProcess(const ToolSandbox& sandbox, const std::vector<std::string>& toolArgs)
     : sandbox_(sandbox) {
   BecomeSubreaper();
   const bool isolate = CanIsolateCgroup();
@@ -319,17 +325,12 @@ ToolProcess::ToolProcess(const ToolSandbox& sandbox, const std::vector<std::stri
   for (auto& arg : argvText) argv.push_back(arg.data());
   argv.push_back(nullptr);
 
-  std::map<std::string, std::string> env;
+  // The sandbox's settings replace the caller's.
+  std::vector<std::string> envText = {"ZELKOR_AGENT_CONFIG_DIR=" + sandbox.configDir};
   for (char** entry = environ; *entry != nullptr; ++entry) {
-    std::string text = *entry;
-    auto eq = text.find('=');
-    if (eq != std::string::npos) env[text.substr(0, eq)] = text.substr(eq + 1);
+    const std::string key = std::string(*entry).substr(0, std::string(*entry).find('='));
+    if (key != "ZELKOR_AGENT_CPU_LIMIT" && key != "ZELKOR_AGENT_CONFIG_DIR") envText.push_back(*entry);
   }
-  env.erase("ZELKOR_AGENT_CPU_LIMIT");
-  env["ZELKOR_AGENT_CONFIG_DIR"] = sandbox.configDir;
-  for (const auto& [key, value] : extraEnv) env[key] = value;
-  std::vector<std::string> envText;
-  for (const auto& [key, value] : env) envText.push_back(key + "=" + value);
   std::vector<char*> envp;
   for (auto& entry : envText) envp.push_back(entry.data());
   envp.push_back(nullptr);

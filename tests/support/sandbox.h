@@ -1,10 +1,10 @@
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <chrono>
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -53,6 +53,22 @@ std::vector<LogLine> ReadLog(const std::string& logPath);
 bool HasLogLine(const std::vector<LogLine>& log, const std::string& text, const std::string& priority = "");
 // Whether any message's text starts with `prefix`.
 bool HasLogPrefix(const std::vector<LogLine>& log, const std::string& prefix);
+
+// Routes the tool's logger into a file of the test's own temporary directory
+// so that a test can assert the exact messages of a call. Each CaptureLog()
+// starts a fresh file at the given level.
+class LogCaptureTest : public ::testing::Test {
+ protected:
+  void SetUp() override { CaptureLog(); }
+  void CaptureLog(const std::string& level = "trace");
+  std::vector<LogLine> Log() const { return ReadLog(logPath_); }
+
+  TempDir dir_;
+  std::string logPath_;
+
+ private:
+  int logs_ = 0;
+};
 
 // A /bin/sh deployment script body. The script receives: package name ($1),
 // output file ($2), window end ($3).
@@ -111,8 +127,7 @@ std::string ManifestTime(long offsetSeconds = 0);
 class ToolProcess {
  public:
   // Starts PM_TOOL_PATH with `toolArgs` (argv[1..]).
-  ToolProcess(const ToolSandbox& sandbox, const std::vector<std::string>& toolArgs,
-              const std::map<std::string, std::string>& extraEnv = {});
+  ToolProcess(const ToolSandbox& sandbox, const std::vector<std::string>& toolArgs);
   // Kills (by pid) whatever of the run is still alive.
   ~ToolProcess();
 

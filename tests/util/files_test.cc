@@ -8,7 +8,7 @@
 #include <chrono>
 #include <stdexcept>
 
-#include "util/logcapture.h"
+#include "support/sandbox.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <Poco/Exception.h>
 
-#include "util/logcapture.h"
+#include "support/sandbox.h"
 
 namespace {
 
