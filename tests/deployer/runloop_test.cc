@@ -96,16 +96,6 @@ TEST_F(RunLoopTest, HostAndNoarchPackagesAreSelectedAndARepeatedPatchSharesItsRe
       Patch("P3", {{"noarch", {"d-1"}}}),
       Patch("P1", {{"x86_64", {"e-0"}}}),
   };
-  std::vector<DeploymentPatch> selected = patches;
-  PatchResultMap selectedResults;
-  SelectPatchPackages(selected, "x86_64", selectedResults);
-  EXPECT_EQ(selected[0].hostPackages, (Lines{"a-0", "b-0"}));
-  EXPECT_TRUE(selected[1].hostPackages.empty());
-  EXPECT_EQ(selected[3].hostPackages, Lines{"e-0"});
-  EXPECT_TRUE(selected[3].downloadInfo.packagesByArch.empty());
-  EXPECT_EQ(selectedResults.count("P2"), 0u);
-  EXPECT_EQ(Interim("P1"), "8976/0/");
-
   EXPECT_EQ(Run(patches), 0);
   EXPECT_EQ(Packages(), (Lines{"a-0", "b-0", "d-1", "e-0"}));
   EXPECT_EQ(results_.count("P2"), 0u);

@@ -9,31 +9,8 @@
 
 namespace {
 
-using patchmgmt::ToolStopper;
-
-// Each case runs in a forked child: the stop ends that child, never the test.
-// (SIGTERM before arming is covered end to end.)
-TEST(ToolStopperDeathTest, ArmedPatchingIgnoresSigtermUntilSigusr1Came) {
-  EXPECT_EXIT(
-      {
-        patchmgmt::InstallSignalHandlers();
-        ToolStopper::Set(ToolStopper::isPatchingOn_, true);
-        raise(SIGTERM);
-        std::_Exit(ToolStopper::sigUsr1Recv_ ? 1 : 3);
-      },
-      ::testing::ExitedWithCode(3), "");
-  EXPECT_EXIT(
-      {
-        patchmgmt::InstallSignalHandlers();
-        ToolStopper::Set(ToolStopper::isPatchingOn_, true);
-        raise(SIGUSR1);
-        if (!ToolStopper::sigUsr1Recv_) std::_Exit(1);
-        raise(SIGTERM);
-        std::_Exit(0);
-      },
-      ::testing::ExitedWithCode(57), "");
-}
-
+// Runs in a forked child, so that a stop would end that child, never the
+// test. The other stop signals are covered end to end.
 TEST(ToolStopperDeathTest, BrokenPipeNeverEndsTheTool) {
   EXPECT_EXIT(
       {

@@ -4,9 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <memory>
-#include <sstream>
 
 #include "gtest/gtest.h"
 #include "support/sandbox.h"
@@ -19,16 +17,11 @@ using pmtest::ToolSandbox;
 
 // A deployment script that announces each package and then waits for the
 // test to release it, so that signals land while a package is running.
-void WriteGatedScript(const ToolSandbox& sandbox, int customExitCode = 0) {
+void WriteGatedScript(const ToolSandbox& sandbox) {
   const std::string marks = sandbox.root.path();
-  sandbox.WriteScript("touch \"" + marks +
-                      "/$1.started\"\n"
-                      "i=0\n"
-                      "while [ ! -e \"" +
-                      marks +
+  sandbox.WriteScript("touch \"" + marks + "/$1.started\"\ni=0\nwhile [ ! -e \"" + marks +
                       "/release\" ] && [ $i -lt 600 ]; do sleep 0.05; i=$((i+1)); done\n"
-                      "echo '{\"customExitCode\":" +
-                      std::to_string(customExitCode) + ",\"exitCode\":0}' > \"$2\"");
+                      "echo '{\"customExitCode\":0,\"exitCode\":0}' > \"$2\"");
 }
 
 bool Started(const ToolSandbox& sandbox, const std::string& package) {
@@ -37,27 +30,12 @@ bool Started(const ToolSandbox& sandbox, const std::string& package) {
 
 void Release(const ToolSandbox& sandbox) { pmtest::WriteTextFile(sandbox.root.Join("release"), ""); }
 
-// Field 6 of /proc/<pid>/stat: the session id.
-pid_t SessionOf(pid_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string content((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-  std::istringstream rest(content.substr(content.rfind(')') + 2));
-  char state;
-  pid_t ppid, group, session = -1;
-  rest >> state >> ppid >> group >> session;
-  return session;
-}
-
-std::string ThreePatchManifest() {
-  return pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {"p1a", "p1b"}) + "," +
-                                     pmtest::PatchJson("P2", {"p2a"}) + "," +
-                                     pmtest::PatchJson("P3", {"p3a"}));
-}
-
 // A three-patch job whose first package is running and held.
 struct HeldRun {
   HeldRun() {
-    sandbox.WriteManifest(ThreePatchManifest());
+    sandbox.WriteManifest(pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {"p1a", "p1b"}) + "," +
+                                                      pmtest::PatchJson("P2", {"p2a"}) + "," +
+                                                      pmtest::PatchJson("P3", {"p3a"})));
     WriteGatedScript(sandbox);
     tool = std::make_unique<ToolProcess>(sandbox, std::vector<std::string>{sandbox.WriteArgs()});
     EXPECT_EQ(tool->WaitParent(), 0);
@@ -66,9 +44,6 @@ struct HeldRun {
   ~HeldRun() { Release(sandbox); }
 
   void Signal(int signalNumber) { ASSERT_EQ(kill(tool->ChildPid(), signalNumber), 0); }
-  std::string ExitCodeFileText() const {
-    return pmtest::ReadTextFile(sandbox.resultDir + "/" + sandbox.ExitCodeFileName());
-  }
 
   ToolSandbox sandbox;
   std::unique_ptr<ToolProcess> tool;
@@ -84,7 +59,7 @@ TEST(DeployE2E, Sigusr1DuringTheFirstPatchLetsThePackageFinishAndStopsWith57) {
   EXPECT_TRUE(pmtest::HasLogPrefix(run.sandbox.Log(), "Command: " + run.sandbox.scriptPath + " p1a "));
   EXPECT_TRUE(pmtest::HasLogLine(run.sandbox.Log(), "[SUCCESS]: P1"));
   for (const char* package : {"p1b", "p2a", "p3a"}) EXPECT_FALSE(Started(run.sandbox, package)) << package;
-  EXPECT_EQ(run.ExitCodeFileText(), "");
+  EXPECT_EQ(run.sandbox.ExitCodeText(), "");
   EXPECT_FALSE(pmtest::PathExists(run.sandbox.resultDir + "/job1_7_status.json"));
 }
 
@@ -95,7 +70,7 @@ TEST(DeployE2E, SigtermDuringPatchingIsIgnoredUnlessSigusr1CameFirst) {
     Release(run.sandbox);
     EXPECT_EQ(run.tool->WaitChild(), 0);
     EXPECT_TRUE(Started(run.sandbox, "p3a"));
-    EXPECT_EQ(run.ExitCodeFileText(), "0");
+    EXPECT_EQ(run.sandbox.ExitCodeText(), "0");
   }
   HeldRun run;
   run.Signal(SIGUSR1);
@@ -134,16 +109,15 @@ TEST(DeployE2E, DetachedChildLeavesTheAgentAndRecordsItsExitCode) {
     EXPECT_STREQ(target, "/dev/null") << link;
   }
 
-  EXPECT_EQ(SessionOf(child), child);
+  EXPECT_EQ(getsid(child), child);
   char cwd[256] = {};
   ASSERT_GT(readlink(("/proc/" + std::to_string(child) + "/cwd").c_str(), cwd, sizeof cwd - 1), 0);
   EXPECT_STREQ(cwd, "/");
 
   Release(sandbox);
   EXPECT_EQ(tool.WaitChild(), 55);
-  const std::string name = sandbox.ExitCodeFileName();
-  EXPECT_EQ(name, ".job1.7." + std::to_string(child) + ".exit");
-  EXPECT_EQ(pmtest::ReadTextFile(sandbox.resultDir + "/" + name), "55");
+  EXPECT_EQ(sandbox.ExitCodeFileName(), ".job1.7." + std::to_string(child) + ".exit");
+  EXPECT_EQ(sandbox.ExitCodeText(), "55");
   if (ToolProcess::CanIsolateCgroup()) {
     EXPECT_EQ(pmtest::ReadTextFile(sandbox.cgroupDir + "/tasks"), std::to_string(child));
   }

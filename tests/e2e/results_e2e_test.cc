@@ -19,7 +19,7 @@ TEST(ResultsE2E, UnwritableFinalDocumentOverridesThePatcherWith49) {
   ToolProcess tool(sandbox, {sandbox.WriteArgs()});
   ASSERT_EQ(tool.WaitParent(), 0);
   EXPECT_EQ(tool.WaitChild(), 49);
-  EXPECT_EQ(pmtest::ReadTextFile(sandbox.resultDir + "/" + sandbox.ExitCodeFileName()), "49");
+  EXPECT_EQ(sandbox.ExitCodeText(), "49");
   EXPECT_TRUE(pmtest::HasLogPrefix(sandbox.Log(),
                                    "Failed to open file " + sandbox.resultDir + "/job1_7_status.json"));
 }

@@ -33,11 +33,6 @@ namespace pmtest {
 
 namespace {
 
-std::string TempBase() {
-  const char* tmp = std::getenv("TMPDIR");
-  return (tmp != nullptr && *tmp != '\0') ? tmp : "/tmp";
-}
-
 std::string JsonString(const std::string& text) {
   std::string out = "\"";
   for (char c : text) {
@@ -104,24 +99,6 @@ void BecomeSubreaper() {
 }
 
 }  // namespace
-
-TempDir::TempDir() {
-  std::string pattern = TempBase() + "/pmtest-XXXXXX";
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (mkdtemp(buffer.data()) == nullptr)
-    throw std::runtime_error("mkdtemp failed: " + std::string(strerror(errno)));
-  path_ = buffer.data();
-}
-
-TempDir::~TempDir() {
-  try {
-    // Restore permissions that a test took away so that the tree can go.
-    for (const auto& name : ListDir(path_)) chmod((path_ + "/" + name).c_str(), 0700);
-    Poco::File(path_).remove(true);
-  } catch (...) {
-  }
-}
 
 void WriteTextFile(const std::string& path, const std::string& content, mode_t mode) {
   {
@@ -267,6 +244,11 @@ std::string ToolSandbox::ExitCodeFileName() const {
     if (name.size() > 6 && name[0] == '.' && name.compare(name.size() - 5, 5, ".exit") == 0) return name;
   }
   return "";
+}
+
+std::string ToolSandbox::ExitCodeText() const {
+  const std::string name = ExitCodeFileName();
+  return name.empty() ? "<no exit-code file>" : ReadTextFile(resultDir + "/" + name);
 }
 
 std::string ManifestTime(long offsetSeconds) {

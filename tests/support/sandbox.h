@@ -1,5 +1,6 @@
 #pragma once
 
+#include <Poco/TemporaryFile.h>
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
@@ -14,20 +15,17 @@ namespace pmtest {
 
 namespace pb = ::com::zelkor::patch::proto;
 
-// A fresh directory under $TMPDIR (or /tmp), removed with its content when the
-// object goes away.
+// A fresh directory in the scratch directory ($TMPDIR or /tmp), removed with
+// its content when the object goes away.
 class TempDir {
  public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
+  TempDir() { dir_.createDirectories(); }
 
-  const std::string& path() const { return path_; }
-  std::string Join(const std::string& name) const { return path_ + "/" + name; }
+  const std::string& path() const { return dir_.path(); }
+  std::string Join(const std::string& name) const { return path() + "/" + name; }
 
  private:
-  std::string path_;
+  Poco::TemporaryFile dir_;
 };
 
 void WriteTextFile(const std::string& path, const std::string& content, mode_t mode = 0644);
@@ -104,9 +102,11 @@ class ToolSandbox {
   void WriteManifest(const std::string& json) const;
   void WriteScript(const std::string& body) const { WriteDeploymentScript(scriptPath, body); }
   std::vector<LogLine> Log() const { return ReadLog(logPath); }
-  // Contents of the exit-code file (".<job>.<run>.<pid>.exit") and its pid;
-  // empty name when there is none.
+  // Name of the exit-code file (".<job>.<run>.<pid>.exit"); empty when there
+  // is none.
   std::string ExitCodeFileName() const;
+  // Its content, "<no exit-code file>" when there is none.
+  std::string ExitCodeText() const;
 };
 
 // A manifest with one job "job1"/7 (INSTALL, 60 min timeout from now) whose

@@ -69,30 +69,27 @@ TEST_F(FilesTest, ReadsWholeFilesAndFailsOnMissingOnes) {
 
 TEST_F(FilesTest, FindsAndStopsProcessesByCommandLine) {
   // A duration no other process on the host runs with.
-  const std::string marker = "4321." + std::to_string(getpid());
-  struct Sleeper {
-    pid_t pid = fork();
-    ~Sleeper() {
-      if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
-    }
-  } sleeper;
-  ASSERT_GE(sleeper.pid, 0);
-  if (sleeper.pid == 0) {
-    execl("/bin/sleep", "sleep", marker.c_str(), static_cast<char*>(nullptr));
+  const std::string duration = "4321." + std::to_string(getpid());
+  const std::string pattern = "sleep " + duration;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    execl("/bin/sleep", "sleep", duration.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
-  ASSERT_TRUE(pmtest::WaitFor([&] { return !patchmgmt::FindProcessIds("sleep " + marker).empty(); },
-                              std::chrono::seconds(10)));
-  EXPECT_EQ(patchmgmt::FindProcessIds("sleep " + marker), std::vector<int>{sleeper.pid});
-
-  patchmgmt::SendStopSignal("sleep " + marker);
+  ASSERT_GT(pid, 0);
+  const bool found = pmtest::WaitFor(
+      [&] { return patchmgmt::FindProcessIds(pattern) == std::vector<int>{pid}; }, std::chrono::seconds(10));
+  if (found)
+    patchmgmt::SendStopSignal(pattern);
+  else
+    kill(pid, SIGKILL);
   int status = 0;
-  ASSERT_EQ(waitpid(sleeper.pid, &status, 0), sleeper.pid);
-  sleeper.pid = -1;
-  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGUSR1);
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(found);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGUSR1) << status;
 
-  patchmgmt::SendStopSignal("sleep " + marker);
-  EXPECT_TRUE(pmtest::HasLogPrefix(Log(), "[Patch]:command failed. Cmd: [pkill -SIGUSR1 -f sleep " + marker));
+  patchmgmt::SendStopSignal(pattern);
+  EXPECT_TRUE(pmtest::HasLogPrefix(Log(), "[Patch]:command failed. Cmd: [pkill -SIGUSR1 -f " + pattern));
 }
 
 }  // namespace
