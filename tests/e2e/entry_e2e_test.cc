@@ -31,7 +31,7 @@ struct Outcome {
 
 Outcome RunTool(const ToolSandbox& sandbox, const Lines& toolArgs) {
   ToolProcess tool(sandbox, toolArgs);
-  Outcome outcome{tool.WaitParent(), sandbox.Log(), {}, tool.parentStderr()};
+  Outcome outcome{tool.WaitParent(), sandbox.Log(), {}, tool.parentOutput()};
   for (const auto& line : outcome.log) {
     if (line.priority == "Error") outcome.errors.push_back(line.text);
   }

@@ -1,9 +1,9 @@
 #include "results/finalresult.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "samplejob.h"
 #include "support/sandbox.h"
 
 namespace patchmgmt {
@@ -12,19 +12,6 @@ namespace {
 using deployer::FailedPackage;
 using deployer::PatchResult;
 using deployer::PatchResultMap;
-
-JobRunInfo SampleJob() {
-  JobRunInfo job;
-  job.jobId = "J1";
-  job.manifestInstanceId = 42;
-  job.runId = 18446744073709551615ULL;
-  job.vendorId = "v1";
-  job.startTime = 0;
-  job.endTime = 1709622489123ULL;
-  job.agentVersion = "1.2.3";
-  job.jobReceivedDateTime = "2024-03-05T07:00:00.000Z";
-  return job;
-}
 
 std::shared_ptr<PatchResult> Executed(int64_t executionTime) {
   auto result = std::make_shared<PatchResult>();

@@ -8,6 +8,7 @@
 #include <set>
 #include <thread>
 
+#include "samplejob.h"
 #include "support/sandbox.h"
 #include "zelkor/filerep.h"
 
@@ -15,19 +16,6 @@ namespace patchmgmt {
 namespace {
 
 using namespace std::chrono_literals;
-
-JobRunInfo SampleJob() {
-  JobRunInfo job;
-  job.jobId = "J1";
-  job.manifestInstanceId = 42;
-  job.runId = 7;
-  job.vendorId = "v1";
-  job.startTime = 1709622489123ULL;
-  job.endTime = 1709622490000ULL;  // never written to an interim document
-  job.agentVersion = "1.2.3";
-  job.jobReceivedDateTime = "2024-03-05T07:00:00.000Z";
-  return job;
-}
 
 int64_t NowSeconds() {
   return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
@@ -110,8 +98,9 @@ TEST(WriteInterimResultTest, WritesOneArrayPerStateNamedByTimeAndDigest) {
   const std::string object = ObjectWithoutEndTime(pmtest::ReadTextFile(dir.Join(first.name)));
   EXPECT_EQ(
       object,
-      R"({"jobId":"J1","manifestInstanceId":42,"runId":7,"vendorId":"v1","agentVersion":"1.2.3",)"
-      R"("startDateTime":"2024-03-05T07:08:09.123Z","jobReceivedDateTime":"2024-03-05T07:00:00.000Z",)"
+      R"({"jobId":"J1","manifestInstanceId":42,"runId":18446744073709551615,"vendorId":"v1",)"
+      R"("agentVersion":"1.2.3","startDateTime":"1970-01-01T00:00:00.000Z",)"
+      R"("jobReceivedDateTime":"2024-03-05T07:00:00.000Z",)"
       R"("resultType":"INTERIM","pendingExecution":["a-pending"],"executing":["b-exec"],)"
       R"("pendingReboot":["c-reboot"],"pendingVerification":["d-verify"],"success":["e-success","e2-success"],)"
       R"("failed":[{"id":"f-failed","reason":0,"osstatus":0,"httpstatus":0,"size":0,"successPackages":[],)"

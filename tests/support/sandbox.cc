@@ -1,9 +1,7 @@
 #include "support/sandbox.h"
 
-#include <Poco/DateTimeFormatter.h>
 #include <Poco/Exception.h>
 #include <Poco/File.h>
-#include <Poco/Timestamp.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -17,96 +15,53 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
+#include <ctime>
 #include <fstream>
 #include <set>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
+#include "util/timestamps.h"
 #include "zelkor/agent.h"
 #include "zelkor/logger.h"
-
-extern char** environ;
 
 namespace pmtest {
 
 namespace {
 
-std::string JsonString(const std::string& text) {
-  std::string out = "\"";
-  for (char c : text) {
-    if (c == '"' || c == '\\') out += '\\';
-    out += c;
-  }
-  return out + "\"";
-}
+using Clock = std::chrono::steady_clock;
 
-int DecodeStatus(int status) {
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-  return -1;
-}
-
-// Reaps `pid` within `timeout`; its decoded status, or -1.
+// Reaps `pid` within `timeout`; its exit status (128 + n for signal n), or -1.
 int ReapWithin(pid_t pid, std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    int status = 0;
-    pid_t done = waitpid(pid, &status, WNOHANG);
-    if (done == pid) return DecodeStatus(status);
-    if (done < 0 && errno != EINTR) return -1;
-    if (std::chrono::steady_clock::now() >= deadline) return -1;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  const auto deadline = Clock::now() + timeout;
+  for (int status = 0;; std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+    const pid_t done = waitpid(pid, &status, WNOHANG);
+    if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if ((done < 0 && errno != EINTR) || Clock::now() >= deadline) return -1;
   }
 }
 
-pid_t ParentOf(pid_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string content((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-  auto close = content.rfind(')');
-  if (close == std::string::npos) return -1;
-  std::istringstream rest(content.substr(close + 2));
-  char state = 0;
-  pid_t ppid = -1;
-  rest >> state >> ppid;
-  return ppid;
-}
-
-// Every live process below any of `roots`, found through parent links.
-std::set<pid_t> DescendantsOf(const std::set<pid_t>& roots) {
-  std::set<pid_t> found;
-  bool grew = true;
-  while (grew) {
-    grew = false;
-    for (const auto& name : ListDir("/proc")) {
-      if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-      pid_t pid = std::stoi(name);
-      if (found.count(pid) != 0 || roots.count(pid) != 0) continue;
-      pid_t ppid = ParentOf(pid);
-      if (roots.count(ppid) != 0 || found.count(ppid) != 0) {
-        found.insert(pid);
-        grew = true;
-      }
-    }
+// `pid` and every live process below it.
+void CollectTree(pid_t pid, std::set<pid_t>& tree) {
+  if (!tree.insert(pid).second) return;
+  const std::string proc = "/proc/" + std::to_string(pid) + "/task/";
+  for (const auto& task : ListDir(proc)) {
+    std::istringstream children(ReadTextFile(proc + task + "/children"));
+    for (pid_t child; children >> child;) CollectTree(child, tree);
   }
-  return found;
 }
 
-void BecomeSubreaper() {
-  static const bool done = [] { return prctl(PR_SET_CHILD_SUBREAPER, 1) == 0; }();
-  (void)done;
+std::chrono::milliseconds Left(Clock::time_point deadline) {
+  return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()),
+                  std::chrono::milliseconds(0));
 }
 
 }  // namespace
 
 void WriteTextFile(const std::string& path, const std::string& content, mode_t mode) {
-  {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!out) throw std::runtime_error("cannot write " + path);
-    out << content;
-  }
-  chmod(path.c_str(), mode);
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+  if (chmod(path.c_str(), mode) != 0) throw std::runtime_error("cannot write " + path);
 }
 
 std::string ReadTextFile(const std::string& path) {
@@ -129,17 +84,25 @@ std::vector<std::string> ListDir(const std::string& path) {
   return names;
 }
 
+bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  while (!condition()) {
+    if (Clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
 std::string WriteLogConfig(const std::string& configPath, const std::string& logPath,
                            const std::string& level) {
   WriteTextFile(configPath,
                 "logging.formatters.plain.class = PatternFormatter\n"
                 "logging.formatters.plain.pattern = %p|%t\n"
                 "logging.channels.file.class = FileChannel\n"
+                "logging.channels.file.formatter = plain\n"
                 "logging.channels.file.path = " +
                     logPath +
-                    "\n"
-                    "logging.channels.file.formatter = plain\n"
-                    "logging.loggers.tool.name = zelkor-patchmgmt-tool\n"
+                    "\nlogging.loggers.tool.name = zelkor-patchmgmt-tool\n"
                     "logging.loggers.tool.channel = file\n"
                     "logging.loggers.tool.level = " +
                     level + "\n");
@@ -151,15 +114,12 @@ std::vector<LogLine> ReadLog(const std::string& logPath) {
                                                     "Notice", "Information", "Debug", "Trace"};
   std::vector<LogLine> lines;
   std::istringstream in(ReadTextFile(logPath));
-  std::string raw;
-  while (std::getline(in, raw)) {
-    auto bar = raw.find('|');
+  for (std::string raw; std::getline(in, raw);) {
+    const auto bar = raw.find('|');
+    const auto prefixEnd = raw.find("]:");
     if (bar != std::string::npos && kPriorities.count(raw.substr(0, bar)) != 0 &&
-        raw.compare(bar + 1, 1, "[") == 0) {
-      std::string text = raw.substr(bar + 1);
-      auto prefixEnd = text.find("]:");
-      if (prefixEnd != std::string::npos) text = text.substr(prefixEnd + 2);
-      lines.push_back({raw.substr(0, bar), text});
+        raw.compare(bar + 1, 1, "[") == 0 && prefixEnd != std::string::npos) {
+      lines.push_back({raw.substr(0, bar), raw.substr(prefixEnd + 2)});
     } else if (!lines.empty()) {
       lines.back().text += "\n" + raw;
     }
@@ -189,17 +149,8 @@ void WriteDeploymentScript(const std::string& path, const std::string& body) {
   WriteTextFile(path, "#!/bin/sh\n" + body + "\n", 0755);
 }
 
-ToolSandbox::ToolSandbox()
-    : configDir(root.Join("config")),
-      logPath(root.Join("log/tool.log")),
-      manifestDir(root.Join("manifests")),
-      resultDir(root.Join("results")),
-      interimDir(root.Join("interim")),
-      ahsDir(root.Join("ahs")),
-      statusDbPath(root.Join("status.db")),
-      scriptPath(root.Join("deploy.sh")),
-      cgroupDir(root.Join("cgroup")) {
-  for (const auto& dir : {configDir, manifestDir, resultDir, interimDir, ahsDir, cgroupDir}) {
+ToolSandbox::ToolSandbox() {
+  for (const auto& dir : {configDir, manifestDir, resultDir, interimDir, cgroupDir}) {
     Poco::File(dir).createDirectories();
   }
   WriteTextFile(cgroupDir + "/tasks", "");
@@ -212,8 +163,8 @@ ToolSandbox::ToolSandbox()
   patch.set_runid(7);
   patch.set_manifestid("manifest1");
   patch.set_manifestdirectorypath(manifestDir);
-  patch.set_statusdbpath(statusDbPath);
-  patch.set_ahsmessagedir(ahsDir);
+  patch.set_statusdbpath(root.Join("status.db"));
+  patch.set_ahsmessagedir(root.Join("ahs"));
   auto* agent = patch.mutable_agentdetails();
   agent->set_osname("Debian GNU/Linux");
   agent->set_osversion("12");
@@ -229,10 +180,8 @@ ToolSandbox::ToolSandbox()
 }
 
 std::string ToolSandbox::WriteArgs(const std::string& name) const {
-  std::string path = root.Join(name);
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  if (!args.SerializeToOstream(&out)) throw std::runtime_error("cannot write " + path);
-  return path;
+  WriteTextFile(root.Join(name), args.SerializeAsString());
+  return root.Join(name);
 }
 
 void ToolSandbox::WriteManifest(const std::string& json) const {
@@ -251,40 +200,33 @@ std::string ToolSandbox::ExitCodeText() const {
   return name.empty() ? "<no exit-code file>" : ReadTextFile(resultDir + "/" + name);
 }
 
-std::string ManifestTime(long offsetSeconds) {
-  Poco::Timestamp now;
-  now += static_cast<Poco::Timestamp::TimeDiff>(offsetSeconds) * Poco::Timestamp::resolution();
-  return Poco::DateTimeFormatter::format(now, "%Y-%m-%dT%H:%M:%S.%iZ");
-}
-
 std::string PatchJson(const std::string& id, const std::vector<std::string>& packages,
                       const std::string& arch, bool rebootRequire) {
   std::string list;
-  for (const auto& package : packages) list += (list.empty() ? "" : ",") + JsonString(package);
-  return "{\"zpatchid\":" + JsonString(id) + ",\"vendorpatchid\":" + JsonString("V-" + id) +
-         ",\"downloadinfo\":[{\"packagesbyarch\":[{\"architecture\":" + JsonString(arch) + ",\"packages\":[" +
+  for (const auto& package : packages) list += (list.empty() ? "\"" : ",\"") + package + "\"";
+  return "{\"zpatchid\":\"" + id + "\",\"vendorpatchid\":\"V-" + id +
+         "\",\"downloadinfo\":[{\"packagesbyarch\":[{\"architecture\":\"" + arch + "\",\"packages\":[" +
          list + "]}]}],\"rebootrequire\":" + (rebootRequire ? "true" : "false") + "}";
 }
 
-std::string ManifestWithPatches(const std::string& patchesJson, const std::string& jobExtraJson) {
-  // Extra members come first: the parser takes the first of duplicate keys.
-  std::string extra = jobExtraJson.empty() ? "" : jobExtraJson + ",";
-  return "{\"schemaversion\":1,\"manifestinstanceid\":42,\"jobs\":[{" + extra +
-         "\"id\":\"job1\",\"runid\":7,\"type\":\"INSTALL\",\"isimmediate\":true,\"datetime\":\"" +
-         ManifestTime() + "\",\"timeout\":60,\"continueafterpackagefailedforpatch\":false,\"patches\":[" +
-         patchesJson + "],\"postdeployment\":{\"suppressreboots\":true}}]}";
+std::string ManifestWithPatches(const std::string& patchesJson) {
+  return "{\"schemaversion\":1,\"manifestinstanceid\":42,\"jobs\":[{\"id\":\"job1\",\"runid\":7,"
+         "\"type\":\"INSTALL\",\"isimmediate\":true,\"datetime\":\"" +
+         patchmgmt::FormatUtcSeconds(std::time(nullptr)) +
+         "\",\"timeout\":60,\"continueafterpackagefailedforpatch\":false,\"patches\":[" + patchesJson +
+         "],\"postdeployment\":{\"suppressreboots\":true}}]}";
 }
 
 bool ToolProcess::CanIsolateCgroup() {
   static const bool possible = [] {
     if (geteuid() != 0) return false;
     TempDir probeDir;
-    pid_t pid = fork();
+    const pid_t pid = fork();
     if (pid == 0) {
-      bool ok = unshare(CLONE_NEWNS) == 0 &&
-                mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                mount(probeDir.path().c_str(), "/sys/fs/cgroup/systemd", nullptr, MS_BIND, nullptr) == 0;
-      _exit(ok ? 0 : 1);
+      _exit(unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                    mount(probeDir.path().c_str(), "/sys/fs/cgroup/systemd", nullptr, MS_BIND, nullptr) == 0
+                ? 0
+                : 1);
     }
     return pid > 0 && ReapWithin(pid, std::chrono::seconds(10)) == 0;
   }();
@@ -293,129 +235,85 @@ bool ToolProcess::CanIsolateCgroup() {
 
 ToolProcess::ToolProcess(const ToolSandbox& sandbox, const std::vector<std::string>& toolArgs)
     : sandbox_(sandbox) {
-  BecomeSubreaper();
+  static const bool subreaper = prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
   const bool isolate = CanIsolateCgroup();
-  if (geteuid() == 0 && !isolate) {
-    throw std::runtime_error(
-        "running as root without a private mount namespace would touch the host's cgroup");
+  if (!subreaper || (geteuid() == 0 && !isolate)) {
+    throw std::runtime_error("no subreaper, or root without a private mount namespace for the cgroup");
   }
-
+  // The test process's own environment is the tool's: each test runs in a
+  // process of its own.
+  setenv("ZELKOR_AGENT_CONFIG_DIR", sandbox.configDir.c_str(), 1);
+  unsetenv("ZELKOR_AGENT_CPU_LIMIT");
   // Everything the child needs is built before fork: after it, only system calls.
   std::vector<std::string> argvText = {PM_TOOL_PATH};
   argvText.insert(argvText.end(), toolArgs.begin(), toolArgs.end());
   std::vector<char*> argv;
   for (auto& arg : argvText) argv.push_back(arg.data());
   argv.push_back(nullptr);
-
-  // The sandbox's settings replace the caller's.
-  std::vector<std::string> envText = {"ZELKOR_AGENT_CONFIG_DIR=" + sandbox.configDir};
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string key = std::string(*entry).substr(0, std::string(*entry).find('='));
-    if (key != "ZELKOR_AGENT_CPU_LIMIT" && key != "ZELKOR_AGENT_CONFIG_DIR") envText.push_back(*entry);
-  }
-  std::vector<char*> envp;
-  for (auto& entry : envText) envp.push_back(entry.data());
-  envp.push_back(nullptr);
-
-  int out[2];
-  int err[2];
-  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
   const std::string cgroupDir = sandbox.cgroupDir;
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
 
   parentPid_ = fork();
   if (parentPid_ == 0) {
-    int devnull = open("/dev/null", O_RDONLY);
-    dup2(devnull, 0);
+    dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
     dup2(out[1], 1);
-    dup2(err[1], 2);
-    if (isolate) {
-      if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-          mount(cgroupDir.c_str(), "/sys/fs/cgroup/systemd", nullptr, MS_BIND, nullptr) != 0) {
-        _exit(120);
-      }
+    dup2(out[1], 2);
+    if (isolate &&
+        (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+         mount(cgroupDir.c_str(), "/sys/fs/cgroup/systemd", nullptr, MS_BIND, nullptr) != 0)) {
+      _exit(120);
     }
-    execve(argv[0], argv.data(), envp.data());
+    execv(argv[0], argv.data());
     _exit(127);
   }
   close(out[1]);
-  close(err[1]);
-  if (parentPid_ < 0) {
-    close(out[0]);
-    close(err[0]);
-    throw std::runtime_error("fork failed");
-  }
-  stdoutFd_ = out[0];
-  stderrFd_ = err[0];
+  outputFd_ = out[0];
+  if (parentPid_ < 0) throw std::runtime_error("fork failed");
 }
 
 ToolProcess::~ToolProcess() {
-  std::set<pid_t> roots;
-  if (!parentReaped_ && parentPid_ > 0) roots.insert(parentPid_);
-  if (!childReaped_ && ChildPid() > 0) roots.insert(childPid_);
-  if (!roots.empty()) {
-    std::set<pid_t> all = DescendantsOf(roots);
-    all.insert(roots.begin(), roots.end());
-    for (pid_t pid : all) kill(pid, SIGKILL);
-    for (pid_t pid : all) ReapWithin(pid, std::chrono::milliseconds(500));
-  }
-  if (stdoutFd_ >= 0) close(stdoutFd_);
-  if (stderrFd_ >= 0) close(stderrFd_);
+  // As a subreaper this process inherits every orphan of the run, so all that
+  // is left of it lives below this process.
+  std::set<pid_t> tree;
+  CollectTree(getpid(), tree);
+  tree.erase(getpid());
+  for (pid_t pid : tree) kill(pid, SIGKILL);
+  for (pid_t pid : tree) ReapWithin(pid, std::chrono::milliseconds(500));
+  if (outputFd_ >= 0) close(outputFd_);
 }
 
 int ToolProcess::WaitParent(std::chrono::seconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (stdoutFd_ >= 0 || stderrFd_ >= 0) {
-    auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return -1;
-    pollfd fds[2] = {{stdoutFd_, POLLIN, 0}, {stderrFd_, POLLIN, 0}};
-    if (poll(fds, 2, static_cast<int>(left.count())) < 0 && errno != EINTR) return -1;
-    for (int i = 0; i < 2; ++i) {
-      int& fd = i == 0 ? stdoutFd_ : stderrFd_;
-      if (fd < 0 || (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
-      char buffer[4096];
-      ssize_t n = read(fd, buffer, sizeof buffer);
-      if (n > 0) {
-        (i == 0 ? stdout_ : stderr_).append(buffer, static_cast<size_t>(n));
-      } else if (n == 0 || errno != EINTR) {
-        close(fd);
-        fd = -1;
-      }
+  const auto deadline = Clock::now() + timeout;
+  while (outputFd_ >= 0) {
+    pollfd fd = {outputFd_, POLLIN, 0};
+    const int ready = poll(&fd, 1, static_cast<int>(Left(deadline).count()));
+    if (ready == 0) return -1;
+    if (ready < 0) continue;
+    char buffer[4096];
+    const ssize_t n = read(outputFd_, buffer, sizeof buffer);
+    if (n > 0) {
+      output_.append(buffer, static_cast<size_t>(n));
+    } else if (n == 0 || errno != EINTR) {
+      close(outputFd_);
+      outputFd_ = -1;
     }
   }
-  auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-  int status = ReapWithin(parentPid_, std::max(left, std::chrono::milliseconds(0)));
-  if (status >= 0) parentReaped_ = true;
-  return status;
+  return ReapWithin(parentPid_, Left(deadline));
 }
 
 pid_t ToolProcess::ChildPid() {
-  if (childPid_ > 0) return childPid_;
   // ".<job>.<run>.<pid>.exit": the pid is the last field before ".exit".
-  std::string name = sandbox_.ExitCodeFileName();
-  if (name.empty()) return -1;
-  std::string stem = name.substr(0, name.size() - 5);
-  auto dot = stem.rfind('.');
-  if (dot == std::string::npos) return -1;
-  childPid_ = static_cast<pid_t>(std::atoi(stem.c_str() + dot + 1));
+  const std::string name = sandbox_.ExitCodeFileName();
+  if (childPid_ <= 0 && !name.empty()) {
+    const std::string stem = name.substr(0, name.size() - 5);
+    childPid_ = static_cast<pid_t>(std::atoi(stem.c_str() + stem.rfind('.') + 1));
+  }
   return childPid_;
 }
 
 int ToolProcess::WaitChild(std::chrono::seconds timeout) {
-  if (ChildPid() <= 0) return -1;
-  int status = ReapWithin(childPid_, timeout);
-  if (status >= 0) childReaped_ = true;
-  return status;
-}
-
-bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
+  return ChildPid() > 0 ? ReapWithin(childPid_, timeout) : -1;
 }
 
 }  // namespace pmtest
