@@ -1,9 +1,6 @@
 // The job's run loop: package selection, outcomes posted per patch, the
 // locked-package-manager abandon pass, the deployment window and the result
 // size limit. Real /bin/sh deployment scripts, real log files.
-#include <Poco/DateTimeFormatter.h>
-#include <Poco/Timestamp.h>
-
 #include <cstdio>
 #include <ctime>
 #include <memory>
@@ -11,6 +8,7 @@
 #include "driver/toolstopper.h"
 #include "results/interimresults.h"
 #include "scripttest.h"
+#include "util/timestamps.h"
 
 namespace patchmgmt::deployer {
 namespace {
@@ -33,10 +31,7 @@ DeploymentPatch HostPatch(const std::string& id, const Lines& packages, bool reb
 }
 
 // A manifest date-time text for whole second `seconds` (plus some milliseconds).
-std::string ManifestTimeAt(int64_t seconds) {
-  return Poco::DateTimeFormatter::format(Poco::Timestamp::fromEpochTime(seconds) + 250000,
-                                         "%Y-%m-%dT%H:%M:%S.%iZ");
-}
+std::string ManifestTimeAt(int64_t seconds) { return FormatUtcMilliseconds(seconds * 1000 + 250); }
 
 class RunLoopTest : public ScriptTest {
  protected:
@@ -149,14 +144,6 @@ TEST_F(RunLoopTest, LockedPackageManagerAbandonsTheJobOnlyWhenTimeoutIsIgnored) 
   EXPECT_TRUE(Result("L2").pendingExecutionPackages.empty());
   EXPECT_EQ(FailedRecords(Result("L3")), Lines{record("f-0")});
 
-  // Not continuing after a failure: as if each patch stopped at its first package.
-  job_.continueAfterPackageFailedForPatch = false;
-  EXPECT_EQ(Run(lockedJob()), 0);
-  EXPECT_EQ(Packages(), (Lines{"a-0", "b-4"}));
-  EXPECT_EQ(FailedRecords(Result("L2")), Lines{record("d-0")});
-  EXPECT_EQ(Result("L2").pendingExecutionPackages, Names{"e-0"});
-  EXPECT_EQ(Interim("L3"), std::string("8981/1/") + kLocked);
-
   job_.ignoreTimeout = false;
   job_.continueAfterPackageFailedForPatch = true;
   EXPECT_EQ(Run(lockedJob()), 0);
@@ -192,13 +179,12 @@ TEST_F(RunLoopTest, ClosedWindowRunsNothingUnlessTimeoutIsIgnored) {
 
   EXPECT_FALSE(pmtest::PathExists(callsPath_));
   // The current time in the message is some second of the run.
-  std::string message;
-  for (int64_t now = before; now <= after; ++now) {
-    const std::string candidate = "patch window is over.[currentTime,windowTime]: [" + std::to_string(now) +
-                                  ", " + std::to_string(windowEnd) + "]";
-    if (Result("P1").errorMessage == candidate) message = candidate;
-  }
-  ASSERT_NE(message, "") << Result("P1").errorMessage;
+  const std::string message = Result("P1").errorMessage;
+  const std::string prefix = "patch window is over.[currentTime,windowTime]: [";
+  ASSERT_EQ(message.rfind(prefix, 0), 0u) << message;
+  EXPECT_EQ(message.substr(message.find(',', prefix.size())), ", " + std::to_string(windowEnd) + "]");
+  const int64_t now = std::stoll(message.substr(prefix.size()));
+  EXPECT_TRUE(now >= before && now <= after) << message;
   EXPECT_EQ(Outcome("P1"), "failed|3|1|" + message);
   EXPECT_EQ(FailedRecords(Result("P1")), Lines{"1|a-0|" + message + "|"});
   EXPECT_EQ(Result("P1").pendingExecutionPackages, Names{"b-0"});
