@@ -89,7 +89,8 @@ TEST(EntryE2E, EachValidationFailureEndsWithItsOwnLineOrNone) {
     Lines expected = {kValidationFailed};
     if (*c.line != '\0') expected.insert(expected.begin(), WithRoot(c.line, sandbox));
     EXPECT_EQ(outcome.errors, expected);
-    EXPECT_TRUE(pmtest::HasLogPrefix(outcome.log, "Patch arguments recv to tool:\n"));
+    EXPECT_TRUE(pmtest::HasLogLine(outcome.log,
+                                   "Patch arguments recv to tool:\n" + sandbox.args.DebugString(), "Debug"));
     EXPECT_TRUE(pmtest::ListDir(sandbox.resultDir).empty());
   }
 }
