@@ -196,17 +196,16 @@ TEST_F(PatchStatusTest, QuotedContextIdStaysQueuedWithoutHarmingOtherRows) {
 }
 
 TEST_F(PatchStatusTest, MessageFilesDecodeThroughGeneratedClasses) {
-  ahs::PatchAHSMessages empty;
-  EXPECT_TRUE(Helper::WriteAhsMessages(empty, dir_.Join("empty.dat")));
-  EXPECT_FALSE(pmtest::PathExists(dir_.Join("empty.dat")));
-  EXPECT_TRUE(pmtest::HasLogLine(Log(), "No AHS messages to be written", "Debug"));
-
   const std::string ahsDir = dir_.Join("ahs");
   auto helper = HealthStatusToolHelper::GetInstance("job-ctx", "agent-1", "m1", "mi1", ahsDir,
                                                     dir_.Join("missing/status.db"));
   ASSERT_TRUE(helper);
+  // Nothing to write: no file, not even the directory.
+  ahs::PatchAHSMessages empty;
+  EXPECT_TRUE(Helper::WriteAhsMessages(empty, ahsDir + "/empty.dat"));
+  EXPECT_TRUE(pmtest::HasLogLine(Log(), "No AHS messages to be written", "Debug"));
   EXPECT_TRUE(Helper::SaveQueuedStatuses());
-  EXPECT_FALSE(pmtest::PathExists(ahsDir)) << "nothing queued, nothing written";
+  EXPECT_FALSE(pmtest::PathExists(ahsDir));
 
   helper->QueueManifestStatus(8976, ahs::InProgress);
   PatchMgmtHealthStatus extra("extra", 4000000000u, ahs::Enable);
