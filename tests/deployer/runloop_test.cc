@@ -206,17 +206,6 @@ TEST_F(RunLoopTest, ClosedWindowRunsNothingUnlessTimeoutIsIgnored) {
 }
 
 TEST_F(RunLoopTest, ResultsAreTruncatedFromExactlyOneMebibyte) {
-  PatchResult counted;
-  counted.successPackages = {"abc"};
-  counted.pendingExecutionPackages = {"de"};
-  counted.alreadyInstalledPackages = {"f"};
-  counted.notApplicablePackages = {"gh"};
-  counted.otherPackages = {"ijkl"};
-  counted.failedPackages = {{7, "n", "err", "out"}};
-  EXPECT_EQ(EstimateResultSize(counted), 40u + 3 + 2 + 1 + 2 + 4 + 1 + 3 + 3);
-  counted.failed = true;
-  EXPECT_EQ(EstimateResultSize(counted), 19u);
-
   // 40 + 1 + stdOut of the first patch, 1 + error text of the failed second.
   auto results = [](size_t stdOutSize, size_t errorSize) {
     auto succeeded = std::make_shared<PatchResult>();

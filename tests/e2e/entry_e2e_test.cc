@@ -196,31 +196,22 @@ TEST(EntryE2E, LoggingThatCannotStartEndsWith53OnStderr) {
 }
 
 // An argument file that is a FIFO holds the tool inside loading, its signal
-// handlers in place, for as long as the test keeps the writing end open.
-// Opening that end without blocking succeeds only once the tool is reading.
-struct HeldInLoading {
-  explicit HeldInLoading(const ToolSandbox& sandbox) {
-    const std::string fifo = sandbox.root.Join("args.fifo");
-    EXPECT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    tool = std::make_unique<ToolProcess>(sandbox, Lines{fifo});
-    EXPECT_TRUE(pmtest::WaitFor([&] { return (writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK)) >= 0; },
-                                std::chrono::seconds(20)));
-    EXPECT_TRUE(pmtest::HasLogLine(sandbox.Log(), "Started tool execution", "Information"));
-  }
-  ~HeldInLoading() {
-    if (writer >= 0) close(writer);
-  }
-
-  std::unique_ptr<ToolProcess> tool;
-  int writer = -1;
-};
-
+// handlers in place, while nothing is written to it. Opening the writing end
+// without blocking succeeds only once the tool is reading.
 TEST(EntryE2E, SigtermBeforePatchingIsArmedEndsWith57) {
-  ToolSandbox stopped;
-  HeldInLoading held(stopped);
-  ASSERT_EQ(kill(held.tool->parentPid(), SIGTERM), 0);
-  EXPECT_EQ(held.tool->WaitParent(), 57);
-  EXPECT_EQ(stopped.Log().size(), 1u) << "the stop itself logs nothing";
+  ToolSandbox sandbox;
+  const std::string fifo = sandbox.root.Join("args.fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  ToolProcess tool(sandbox, {fifo});
+  int writer = -1;
+  ASSERT_TRUE(pmtest::WaitFor([&] { return (writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK)) >= 0; },
+                              std::chrono::seconds(20)));
+  ASSERT_EQ(kill(tool.parentPid(), SIGTERM), 0);
+  EXPECT_EQ(tool.WaitParent(), 57);
+  close(writer);
+  const auto log = sandbox.Log();
+  ASSERT_EQ(log.size(), 1u) << "the stop itself logs nothing";
+  EXPECT_EQ(log[0].text, "Started tool execution");
 }
 
 }  // namespace

@@ -166,8 +166,6 @@ ToolSandbox::ToolSandbox() {
   patch.set_statusdbpath(root.Join("status.db"));
   patch.set_ahsmessagedir(root.Join("ahs"));
   auto* agent = patch.mutable_agentdetails();
-  agent->set_osname("Debian GNU/Linux");
-  agent->set_osversion("12");
   agent->set_architecture("x86_64");
   agent->set_agentversion("1.2.3");
   patch.set_resultdirectory(resultDir);
