@@ -158,10 +158,6 @@ TEST(EntryE2E, InterimIntervalOfSixtyIsTheShortestAccepted) {
     EXPECT_EQ(outcome.errors, Lines{kIntervalRefused});
     EXPECT_TRUE(pmtest::ListDir(sandbox.resultDir).empty());
   }
-  ToolSandbox absent;
-  absent.patchArgs().clear_interimresultoption();
-  EXPECT_EQ(RunWithArgs(absent).errors, Lines{kIntervalRefused});
-
   // Sixty passes, and so do the fields that are never validated, empty or
   // absent; an enabled interim directory need not exist yet.
   ToolSandbox sixty;
