@@ -2,10 +2,10 @@
 // end), and the start-of-process guard that keeps the tool's files off the
 // standard stream numbers.
 #include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "deployer/detach.h"
 #include "support/sandbox.h"
@@ -29,22 +29,18 @@ TEST_F(ExitCodeFileTest, UnwritableLocationIsLoggedAndTheRunGoesOn) {
       << "one for the creation, one for the save";
 }
 
-TEST(InheritedDescriptors, ClosedStandardStreamsAreNeverTakenByTheToolsOwnFiles) {
+TEST(InheritedDescriptorsDeathTest, ClosedStandardStreamsAreNeverTakenByTheToolsOwnFiles) {
   pmtest::TempDir dir;
-  const std::string file = dir.Join("own.log");
   // Started with stdin and stdout closed, the first file the tool opens
-  // would otherwise become its stdin; the child exits with that number.
-  const pid_t pid = fork();
-  if (pid == 0) {
-    close(0);
-    close(1);
-    RecordInheritedDescriptors();
-    _exit(open(file.c_str(), O_WRONLY | O_CREAT, 0600));
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_GT(WEXITSTATUS(status), 2);
+  // would otherwise become its stdin.
+  EXPECT_EXIT(
+      {
+        close(0);
+        close(1);
+        RecordInheritedDescriptors();
+        std::_Exit(open(dir.Join("own.log").c_str(), O_WRONLY | O_CREAT, 0600) > 2 ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

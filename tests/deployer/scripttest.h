@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -34,12 +33,7 @@ class ScriptTest : public pmtest::LogCaptureTest {
     pmtest::WriteDeploymentScript(settings_.deploymentScriptPath, body);
   }
   // Every script run's arguments, as "package|output file|window end|".
-  Lines Calls() const {
-    Lines calls;
-    std::istringstream in(pmtest::ReadTextFile(callsPath_));
-    for (std::string line; std::getline(in, line);) calls.push_back(line);
-    return calls;
-  }
+  Lines Calls() const { return pmtest::SplitLines(pmtest::ReadTextFile(callsPath_)); }
   Lines Packages() const {
     Lines packages;
     for (const std::string& call : Calls()) packages.push_back(call.substr(0, call.find('|')));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -12,19 +13,16 @@ namespace patchmgmt {
 // DateTime, ProtoType, ContextId, StatusCode, State, ExtraFields.
 inline std::vector<std::vector<std::string>> ReadRows(const std::string& dbPath) {
   std::vector<std::vector<std::string>> rows;
+  auto collect = [](void* out, int columns, char** values, char**) {
+    auto& row = static_cast<std::vector<std::vector<std::string>>*>(out)->emplace_back();
+    for (int column = 0; column < std::min(columns, 6); ++column)
+      row.emplace_back(values[column] ? values[column] : "");
+    return 0;
+  };
   sqlite3* db = nullptr;
   EXPECT_EQ(sqlite3_open_v2(dbPath.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
-  sqlite3_stmt* stmt = nullptr;
-  EXPECT_EQ(sqlite3_prepare_v2(db, "SELECT * FROM Status ORDER BY rowid", -1, &stmt, nullptr), SQLITE_OK)
+  EXPECT_EQ(sqlite3_exec(db, "SELECT * FROM Status ORDER BY rowid", collect, &rows, nullptr), SQLITE_OK)
       << sqlite3_errmsg(db);
-  while (stmt != nullptr && sqlite3_step(stmt) == SQLITE_ROW) {
-    auto& row = rows.emplace_back();
-    for (int column = 0; column < 6; ++column) {
-      const unsigned char* value = sqlite3_column_text(stmt, column);
-      row.emplace_back(value == nullptr ? "" : reinterpret_cast<const char*>(value));
-    }
-  }
-  sqlite3_finalize(stmt);
   sqlite3_close(db);
   return rows;
 }

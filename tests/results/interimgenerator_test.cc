@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <ctime>
 #include <memory>
 #include <regex>
 #include <set>
@@ -16,11 +17,6 @@ namespace patchmgmt {
 namespace {
 
 using namespace std::chrono_literals;
-
-int64_t NowSeconds() {
-  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 std::string Sha256(const std::string& text) {
   std::string digest;
@@ -86,9 +82,9 @@ TEST(WriteInterimResultTest, WritesOneArrayPerStateNamedByTimeAndDigest) {
   add("k-above", InterimResult(8985));
   snapshot["l-none"] = nullptr;
 
-  const int64_t before = NowSeconds();
+  const int64_t before = std::time(nullptr);
   ASSERT_TRUE(WriteInterimResult(snapshot, SampleJob(), dir.path()));
-  const int64_t after = NowSeconds();
+  const int64_t after = std::time(nullptr);
 
   auto files = InterimFiles(dir.path());
   ASSERT_EQ(files.size(), 1u);
@@ -125,7 +121,7 @@ TEST(WriteInterimResultTest, LeavesNoTemporaryFileBehind) {
   const std::string digest = BuildInterimDocument(snapshot, SampleJob()).digest;
   // A directory at every final name the next seconds can give makes the
   // rename fail.
-  const int64_t now = NowSeconds();
+  const int64_t now = std::time(nullptr);
   for (int64_t seconds = now - 1; seconds <= now + 30; ++seconds) {
     const std::string blocker =
         dir.Join("PatchInterimResult_" + std::to_string(seconds) + "_" + digest + ".json");
@@ -160,7 +156,7 @@ class InterimGeneratorTest : public pmtest::LogCaptureTest {
 TEST_F(InterimGeneratorTest, WritesEachPeriodFromTheLatestStatesUntilShutdown) {
   InterimResults::instance_.Update("P1", InterimResult(kInterimExecuting));
   InterimResultGeneratorThread generator(job_, interimDir_, 1, true);
-  const int64_t started = NowSeconds();
+  const int64_t started = std::time(nullptr);
   generator.Start();
 
   ASSERT_TRUE(pmtest::WaitFor([&] { return SomeFileHolds(R"("executing":["P1"])"); }, 10s));

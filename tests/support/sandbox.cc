@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -70,8 +71,14 @@ std::string ReadTextFile(const std::string& path) {
 }
 
 bool PathExists(const std::string& path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
+  return std::filesystem::exists(std::filesystem::symlink_status(path));
+}
+
+std::vector<std::string> SplitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
 }
 
 std::vector<std::string> ListDir(const std::string& path) {
@@ -113,8 +120,7 @@ std::vector<LogLine> ReadLog(const std::string& logPath) {
   static const std::set<std::string> kPriorities = {"Fatal",  "Critical",    "Error", "Warning",
                                                     "Notice", "Information", "Debug", "Trace"};
   std::vector<LogLine> lines;
-  std::istringstream in(ReadTextFile(logPath));
-  for (std::string raw; std::getline(in, raw);) {
+  for (const std::string& raw : SplitLines(ReadTextFile(logPath))) {
     const auto bar = raw.find('|');
     const auto prefixEnd = raw.find("]:");
     if (bar != std::string::npos && kPriorities.count(raw.substr(0, bar)) != 0 &&

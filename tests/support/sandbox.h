@@ -30,6 +30,8 @@ class TempDir {
 void WriteTextFile(const std::string& path, const std::string& content, mode_t mode = 0644);
 std::string ReadTextFile(const std::string& path);
 bool PathExists(const std::string& path);
+// The lines of `text`, without their line ends.
+std::vector<std::string> SplitLines(const std::string& text);
 // Names in a directory, sorted; none when it cannot be read.
 std::vector<std::string> ListDir(const std::string& path);
 // Polls `condition` every 20 ms until it holds or `timeout` passes.

@@ -6,8 +6,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 
 #include "gtest/gtest.h"
 #include "support/sandbox.h"
@@ -26,20 +24,11 @@ util::CommandResult RunCommand(const std::vector<std::string>& argv, uint64_t li
 
 std::vector<std::string> Shell(const std::string& script) { return {"/bin/sh", "-c", script}; }
 
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
 // Alive means present and not a zombie.
 bool IsAlive(pid_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string line;
-  if (!std::getline(stat, line)) return false;
-  auto nameEnd = line.rfind(')');
-  return nameEnd != std::string::npos && line.size() > nameEnd + 2 && line[nameEnd + 2] != 'Z';
+  const std::string stat = pmtest::ReadTextFile("/proc/" + std::to_string(pid) + "/stat");
+  const auto nameEnd = stat.rfind(')');
+  return nameEnd != std::string::npos && stat.size() > nameEnd + 2 && stat[nameEnd + 2] != 'Z';
 }
 
 // Test cleanup: whatever a run left behind is killed and, if it came back to
@@ -64,7 +53,7 @@ TEST(CommandRunner, StartsTheCommandCleanlyAndReportsItsStatusAndStreams) {
   result =
       RunCommand(Shell("readlink /proc/$$/fd/0; cut -d' ' -f5 /proc/$$/stat; echo $$; ls /proc/$$/fd/40"));
   close(leaked);
-  auto lines = Lines(result.stdOut);
+  auto lines = pmtest::SplitLines(result.stdOut);
   ASSERT_EQ(lines.size(), 3u) << result.stdOut << result.stdErr;
   EXPECT_EQ(lines[0], "/dev/null");
   EXPECT_EQ(lines[1], lines[2]) << "the command leads its own process group";
@@ -119,7 +108,7 @@ TEST(CommandRunner, ReturnsWhileABackgroundGrandchildHoldsThePipe) {
   const auto start = Clock::now();
   auto result = RunCommand(Shell("sleep 60 & echo $!; echo done"));
   const auto elapsed = Clock::now() - start;
-  auto lines = Lines(result.stdOut);
+  auto lines = pmtest::SplitLines(result.stdOut);
   ASSERT_EQ(lines.size(), 2u) << result.stdOut;
   const pid_t grandchild = std::atoi(lines[0].c_str());
   EXPECT_TRUE(IsAlive(grandchild)) << "the grandchild still holds the pipe open";
@@ -146,7 +135,8 @@ TEST(CommandRunner, TimeLimitKillsTheWholeTreeIncludingEscapedProcesses) {
   util::SetKillChildHierarchy(false);
 
   std::vector<pid_t> tree;
-  for (const auto& line : Lines(pmtest::ReadTextFile(pids))) tree.push_back(std::atoi(line.c_str()));
+  for (const auto& line : pmtest::SplitLines(pmtest::ReadTextFile(pids)))
+    tree.push_back(std::atoi(line.c_str()));
   std::string survivors;
   for (pid_t pid : tree) {
     if (IsAlive(pid)) survivors += std::to_string(pid) + " ";
