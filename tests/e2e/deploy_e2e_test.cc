@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <memory>
 
-#include "gtest/gtest.h"
 #include "support/sandbox.h"
 
 namespace {

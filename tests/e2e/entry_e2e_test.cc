@@ -2,7 +2,6 @@
 // every refused invocation, and the stop signals before patching is armed.
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>

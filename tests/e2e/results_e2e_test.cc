@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include "gtest/gtest.h"
 #include "support/sandbox.h"
 
 namespace {

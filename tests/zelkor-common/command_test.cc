@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdlib>
 
-#include "gtest/gtest.h"
 #include "support/sandbox.h"
 
 namespace {
