@@ -72,13 +72,7 @@ bool PatchStatusDBHelper::InitialiseStatusDB(const std::string& dbPath) {
 
 int32_t PatchStatusDBHelper::AddStatusRow(int64_t epochSeconds, const PatchMgmtHealthStatus& record,
                                           uint32_t statusCode, uint32_t state) {
-  PM_TRACE("Adding AHS Status into DB");
-  ms::Status status;
-  status.dateTime = FormatStatusTime(epochSeconds);
-  status.contextId = record.contextId;
-  status.statusCode = statusCode;
-  status.state = state;
-  return WriteRow(status);
+  return AddStatusRowWithExtraFields(epochSeconds, record, statusCode, state, {});
 }
 
 int32_t PatchStatusDBHelper::AddStatusRowWithExtraFields(
