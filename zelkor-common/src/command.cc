@@ -23,6 +23,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <thread>
@@ -36,6 +37,17 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 std::atomic<bool> gKillChildHierarchy{false};
+
+// The children that a running command owns. The orphan reaper leaves them to
+// their runs; holding the mutex from spawning to registering closes the gap in
+// which a fast command could end before it is known as owned.
+std::mutex gOwnedChildrenMutex;
+std::set<pid_t> gOwnedChildren;
+
+// Time limits beyond this many seconds are treated as this many. A deadline is
+// a steady-clock instant in nanoseconds: a window end some centuries away
+// would overflow it into the past and kill the command at once.
+constexpr uint64_t kLongestTimeLimitSeconds = 100ULL * 365 * 24 * 3600;
 
 // One pipe's worth: a full pipe is emptied by a single read.
 constexpr size_t kReadChunk = 64 * 1024;
@@ -383,6 +395,10 @@ class CommandRun {
       while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
       }
     }
+    if (pid_ > 0) {
+      std::lock_guard<std::mutex> owned(gOwnedChildrenMutex);
+      gOwnedChildren.erase(pid_);
+    }
   }
 
   CommandRun(const CommandRun&) = delete;
@@ -422,7 +438,11 @@ class CommandRun {
     const ChildPlan plan{argv[0],           argv.data(),      devNull.get(),      stdoutWrite.get(),
                          stderrWrite.get(), errorWrite.get(), HighestPossibleFd()};
 
-    pid_ = SpawnChild(plan);
+    {
+      std::lock_guard<std::mutex> owned(gOwnedChildrenMutex);
+      pid_ = SpawnChild(plan);
+      if (pid_ > 0) gOwnedChildren.insert(pid_);
+    }
     if (pid_ < 0) {
       result_.stdErr = "cannot start " + details_.argv[0] + ": " + util::strerror(errno);
       return false;
@@ -440,7 +460,10 @@ class CommandRun {
   // ran out first.
   bool WaitForChild() {
     std::optional<Clock::time_point> deadline;
-    if (result_.timeLimitSeconds > 0) deadline = started_ + std::chrono::seconds(result_.timeLimitSeconds);
+    if (result_.timeLimitSeconds > 0) {
+      deadline =
+          started_ + std::chrono::seconds(std::min(result_.timeLimitSeconds, kLongestTimeLimitSeconds));
+    }
     while (!reaped_) {
       int timeoutMs = -1;
       if (deadline) {
@@ -558,5 +581,36 @@ bool ExecuteCommand(const CommandDetails& details, CommandResult& result) {
 }
 
 void SetKillChildHierarchy(bool enable) { gKillChildHierarchy.store(enable); }
+
+int ReapExitedOrphans() {
+  std::lock_guard<std::mutex> owned(gOwnedChildrenMutex);
+  // Orphans come back to whichever thread of this process the kernel picks,
+  // so every thread's children are looked at.
+  std::set<pid_t> children;
+  std::unique_ptr<DIR, int (*)(DIR*)> tasks(::opendir("/proc/self/task"), ::closedir);
+  if (!tasks) return 0;
+  while (const dirent* task = ::readdir(tasks.get())) {
+    if (task->d_name[0] == '.') continue;
+    const std::string path = std::string("/proc/self/task/") + task->d_name + "/children";
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) continue;
+    std::string text;
+    char chunk[4096];
+    for (ssize_t n; (n = ::read(fd.get(), chunk, sizeof chunk)) > 0;)
+      text.append(chunk, static_cast<size_t>(n));
+    const char* at = text.c_str();
+    for (char* end = nullptr;; at = end) {
+      const long pid = std::strtol(at, &end, 10);
+      if (end == at) break;
+      children.insert(static_cast<pid_t>(pid));
+    }
+  }
+  int reaped = 0;
+  for (pid_t child : children) {
+    if (gOwnedChildren.count(child) != 0) continue;
+    if (::waitpid(child, nullptr, WNOHANG) == child) ++reaped;
+  }
+  return reaped;
+}
 
 }  // namespace util

@@ -8,7 +8,7 @@
 #include <exception>
 #include <thread>
 
-#include "checkedjson.h"
+#include "zelkor/json.h"
 
 namespace util::modulestatus {
 namespace {

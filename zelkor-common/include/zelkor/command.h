@@ -43,7 +43,9 @@ struct CommandResult {
 // with the reason in stdErr when the program could not be started. On time
 // out the whole process group is killed (and, with SetKillChildHierarchy(true),
 // every descendant, including those that called setsid or were orphaned),
-// exitCode is 137 and stdErr gains "timed out after N s".
+// exitCode is 137 and stdErr gains "timed out after N s". A limit of more than
+// a century counts as a century: the command is never killed early because
+// its deadline could not be represented.
 //
 // Returns false only when no child could be created at all. Safe to call from
 // any thread.
@@ -51,5 +53,14 @@ bool ExecuteCommand(const CommandDetails& details, CommandResult& result);
 
 // Whether a time-out also kills descendants outside the child's process group.
 void SetKillChildHierarchy(bool enable);
+
+// Reaps every child of the calling process that has exited and that no
+// running ExecuteCommand owns: the orphans that a command's tree left behind
+// and that came back to this process (a child subreaper) once their parent
+// was gone. Children that still run are left alone; a finished command may
+// have started a service on purpose. Returns how many were reaped.
+// REQUIRES: the caller starts no children of its own outside ExecuteCommand
+// whose status it means to collect later.
+int ReapExitedOrphans();
 
 }  // namespace util
