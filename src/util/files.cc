@@ -3,6 +3,7 @@
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/RegularExpression.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,20 +20,6 @@
 namespace patchmgmt {
 
 namespace {
-
-// Result and interim documents may name hosts, jobs and packages; what the
-// tool creates for them is for root's eyes only, whatever mask the agent
-// started it with.
-class PrivateFileCreationMask {
- public:
-  PrivateFileCreationMask() : previous_(umask(077)) {}
-  ~PrivateFileCreationMask() { umask(previous_); }
-  PrivateFileCreationMask(const PrivateFileCreationMask&) = delete;
-  PrivateFileCreationMask& operator=(const PrivateFileCreationMask&) = delete;
-
- private:
-  mode_t previous_;
-};
 
 // The process tools are looked up in the system's own directories, never
 // through PATH: the tool runs as root and must not run whatever an inherited
@@ -87,30 +74,39 @@ std::string ReadFile(const std::string& path) {
   }
 }
 
+// Result and interim documents may name hosts, jobs and packages: what the
+// tool creates for them is for root's eyes only. The modes are given to each
+// call instead of through the process's file-creation mask, which the
+// interim thread would see change under its feet.
+constexpr mode_t kPrivateDirectoryMode = 0700;
+constexpr mode_t kPrivateFileMode = 0600;
+
 void CreateDirectory(const std::string& path) {
-  try {
-    Poco::File directory(path);
-    if (directory.exists()) return;
-    PrivateFileCreationMask mask;
-    directory.createDirectories();
-  } catch (const Poco::Exception& e) {
-    PM_ERROR("[Patch]:Exception occurred in create directory for path: " << path
-                                                                         << " error: " << e.displayText());
-  } catch (const std::exception& e) {
-    PM_ERROR("[Patch]:Exception occurred in create directory for path: " << path << " error: " << e.what());
+  struct stat info {};
+  if (path.empty() || ::stat(path.c_str(), &info) == 0) return;
+  // Each missing level from the top down; an existing one keeps its mode.
+  for (size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    const std::string level = path.substr(0, end);
+    if (!level.empty() && ::mkdir(level.c_str(), kPrivateDirectoryMode) != 0 && errno != EEXIST) {
+      PM_ERROR("[Patch]:Exception occurred in create directory for path: " << path << " error: "
+                                                                           << util::strerror(errno));
+      return;
+    }
+    if (end == std::string::npos) break;
+  }
+  if (::stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+    PM_ERROR("[Patch]:Exception occurred in create directory for path: " << path << " error: "
+                                                                         << util::strerror(ENOTDIR));
   }
 }
 
 void CreateFile(const std::string& path) {
-  try {
-    Poco::File file(path);
-    if (file.exists()) return;
-    PrivateFileCreationMask mask;
-    file.createFile();
-  } catch (const Poco::Exception& e) {
-    PM_ERROR("[Patch]:Exception occurred in create for path: " << path << " error: " << e.displayText());
-  } catch (const std::exception& e) {
-    PM_ERROR("[Patch]:Exception occurred in create for path: " << path << " error: " << e.what());
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateFileMode);
+  if (fd >= 0) {
+    ::close(fd);
+  } else if (errno != EEXIST) {
+    PM_ERROR("[Patch]:Exception occurred in create for path: " << path
+                                                               << " error: " << util::strerror(errno));
   }
 }
 

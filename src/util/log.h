@@ -17,21 +17,29 @@ inline Poco::Logger& ToolLogger() { return util::logger::GetLogger(zagent::LOGGE
 // Whether the tool's logger admits `priority` (Poco::Message priorities).
 inline bool IsLogged(int priority) { return ToolLogger().getLevel() >= priority; }
 
-// Logs "[" + thread id + "]:" + text at `priority`.
-void LogText(int priority, const std::string& text);
+// Logs "[" + thread id + "]:" + text at `priority`. Never throws: a log file
+// system that is full or gone (Poco's FileChannel then throws on every write)
+// costs the line, never the run. Callers include catch handlers, destructors,
+// the interim thread and the save of the exit code.
+void LogText(int priority, const std::string& text) noexcept;
 
 }  // namespace patchmgmt
 
 // Logs a message built with stream insertion, e.g.
 //   PM_LOG(Poco::Message::PRIO_ERROR, "Failed to open file: " << path);
 // The text is only formatted when the logger's level admits the priority.
-#define PM_LOG(priority, stream_expr)                         \
-  do {                                                        \
-    if (::patchmgmt::IsLogged(priority)) {                    \
-      std::ostringstream pm_log_stream_;                      \
-      pm_log_stream_ << stream_expr;                          \
-      ::patchmgmt::LogText((priority), pm_log_stream_.str()); \
-    }                                                         \
+// Like LogText it never throws, not even when memory runs out while the text
+// is formatted.
+#define PM_LOG(priority, stream_expr)                           \
+  do {                                                          \
+    if (::patchmgmt::IsLogged(priority)) {                      \
+      try {                                                     \
+        std::ostringstream pm_log_stream_;                      \
+        pm_log_stream_ << stream_expr;                          \
+        ::patchmgmt::LogText((priority), pm_log_stream_.str()); \
+      } catch (...) {                                           \
+      }                                                         \
+    }                                                           \
   } while (0)
 
 #define PM_ERROR(stream_expr) PM_LOG(Poco::Message::PRIO_ERROR, stream_expr)

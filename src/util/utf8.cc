@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace patchmgmt {
 
@@ -42,7 +43,17 @@ int SequenceAt(std::string_view text, size_t at) {
 }  // namespace
 
 bool IsValidUtf8(std::string_view text) {
+  // Documents are mostly ASCII: eight bytes at a time until a high bit shows.
+  constexpr uint64_t kHighBits = 0x8080808080808080ULL;
   for (size_t at = 0; at < text.size();) {
+    uint64_t word = 0;
+    if (at + sizeof word <= text.size()) {
+      std::memcpy(&word, text.data() + at, sizeof word);
+      if ((word & kHighBits) == 0) {
+        at += sizeof word;
+        continue;
+      }
+    }
     const int length = SequenceAt(text, at);
     if (length < 0) return false;
     at += static_cast<size_t>(length);
