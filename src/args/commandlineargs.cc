@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <fstream>
 
+#include "util/filewriter.h"
 #include "util/log.h"
 #include "zelkor/strerror.h"
 
@@ -46,17 +47,19 @@ bool CommandlineArgsInProtoBuf::LoadFromFile(const std::string& path) {
 }
 
 bool CommandlineArgsInProtoBuf::WriteToFile(const std::string& path) const {
-  std::ofstream out(path, std::ios::out | std::ios::binary | std::ios::trunc);
-  if (!out.is_open()) {
-    const int error = errno;
-    PM_ERROR("Failed to open file: " << path << " error: " << util::strerror(error));
+  std::string bytes;
+  if (!arguments_.SerializeToString(&bytes)) {
+    PM_ERROR("Failed to serialise proto file: " << path);
     return false;
   }
-  // A write that only fails when the buffer reaches the disk (a full file
-  // system) shows up at close, so it counts as a failed serialisation too.
-  bool written = arguments_.SerializeToOstream(&out);
-  out.close();
-  if (!written || out.fail()) {
+  // Written whole, then put in place: a reader never finds half an argument
+  // file, which would decode as a different, shorter request.
+  const FileWriteError failure = ReplaceFile(path, bytes);
+  if (failure.step == FileWriteError::kOpen) {
+    PM_ERROR("Failed to open file: " << path << " error: " << failure.Text());
+    return false;
+  }
+  if (failure) {
     PM_ERROR("Failed to serialise proto file: " << path);
     return false;
   }
@@ -112,8 +115,41 @@ bool CommandlineArgsInProtoBuf::Validate() const {
     return false;
   }
 
-  if (!patch.has_interimresultoption() || !patch.interimresultoption().isinterimresultenable()) return true;
-  return !patch.interimresultoption().interimresultdir().empty();
+  if (patch.has_interimresultoption() && patch.interimresultoption().isinterimresultenable() &&
+      patch.interimresultoption().interimresultdir().empty()) {
+    return false;
+  }
+  return IsUsableInFileName(patch.jobid());
+}
+
+bool CommandlineArgsInProtoBuf::IsUsableInFileName(const std::string& jobId) {
+  // The job id becomes part of the names of the result document and of the
+  // exit-code file. A separator or a dot name would put them outside the
+  // result directory, and a name longer than a file system allows would leave
+  // the agent with no outcome at all.
+  const bool usable = jobId.find('/') == std::string::npos && jobId.find('\0') == std::string::npos &&
+                      jobId != "." && jobId != ".." && jobId.size() <= kLongestJobIdBytes;
+  if (!usable) PM_ERROR("job ID is not usable in a file name: " << jobId);
+  return usable;
+}
+
+void CommandlineArgsInProtoBuf::ResolveRelativePaths(const std::string& baseDirectory) {
+  pb::PatchArguments& patch = *arguments_.mutable_patchargs();
+  auto resolve = [&baseDirectory](const std::string& path) {
+    return path.empty() || path[0] == '/' ? path : baseDirectory + "/" + path;
+  };
+  patch.set_manifestdirectorypath(resolve(patch.manifestdirectorypath()));
+  patch.set_statusdbpath(resolve(patch.statusdbpath()));
+  patch.set_ahsmessagedir(resolve(patch.ahsmessagedir()));
+  patch.set_resultdirectory(resolve(patch.resultdirectory()));
+  if (patch.has_interimresultoption()) {
+    auto* interim = patch.mutable_interimresultoption();
+    interim->set_interimresultdir(resolve(interim->interimresultdir()));
+  }
+  if (patch.has_deploymentscriptspaths()) {
+    auto* scripts = patch.mutable_deploymentscriptspaths();
+    scripts->set_deploymentscriptpath(resolve(scripts->deploymentscriptpath()));
+  }
 }
 
 }  // namespace patchmgmt::protobuf

@@ -25,7 +25,15 @@ class CommandlineArgsInProtoBuf {
   void LogArgumentsPassed() const;
 
   // Whether the arguments allow a patch run; logs the first failing check.
+  // Besides the field checks, the job id must be usable in a file name
+  // (IsUsableInFileName).
   bool Validate() const;
+
+  // Turns every relative path of the patch arguments into one under
+  // `baseDirectory` (the directory the tool was started in), so that a run
+  // that has changed its working directory still uses the paths that were
+  // checked. Absolute paths stay byte for byte as given.
+  void ResolveRelativePaths(const std::string& baseDirectory);
 
   const pb::CommandlineArguments& GetArguments() const { return arguments_; }
   pb::CommandlineArguments& MutableArguments() { return arguments_; }
@@ -36,6 +44,12 @@ class CommandlineArgsInProtoBuf {
   static bool IsEmpty(const std::string& name, const std::string& value);
   // True when `path` is an existing directory; logs otherwise.
   static bool IsDirectoryPresent(const std::string& path);
+  // True when `jobId` holds no "/" or NUL, is not "." or "..", and has at most
+  // kLongestJobIdBytes bytes; logs "job ID is not usable in a file name: "
+  // otherwise.
+  static bool IsUsableInFileName(const std::string& jobId);
+
+  static constexpr size_t kLongestJobIdBytes = 200;
 
  private:
   pb::CommandlineArguments arguments_;
