@@ -208,6 +208,12 @@ int32_t ParsePatches(const JsonValue& job, const char (&key)[N], std::vector<Dep
   }
   patches.reserve(patches.size() + array->Size());
   for (const JsonValue& element : array->GetArray()) {
+    // Looking a key up in anything but an object would trip the JSON
+    // library's consistency check and end the process without a result.
+    if (!element.IsObject()) {
+      PM_ERROR("[Patch]:Element of patches in manifest is not an object");
+      return kManifestInvalid;
+    }
     DeploymentPatch& patch = patches.emplace_back();
     if (GetStringField(element, "zpatchid", patch.patchId, true) != kManifestOk) {
       PM_ERROR("[Patch]:Failed to find string field zpatchid in patches in manifest");
@@ -301,6 +307,10 @@ int32_t ParseJobs(const JsonValue& array, std::vector<DeploymentJob>& jobs) {
   jobs.reserve(jobs.size() + array.Size());
   DeploymentJob scratch;
   for (const JsonValue& element : array.GetArray()) {
+    if (!element.IsObject()) {
+      PM_ERROR("[Patch]:Element of jobs in manifest is not an object");
+      return kManifestInvalid;
+    }
     scratch.Reset();
     bool isInstall = false;
     const int32_t result = ParseJob(element, scratch, isInstall);
@@ -349,30 +359,31 @@ int32_t DeploymentJobManifest::ParseManifest(const std::string& path) {
   }
   PM_TRACE("[Patch]:Deployment manifest content: " << content);
 
-  int32_t result = kManifestOk;
-  {
-    rapidjson::Document document;
-    // The parser reads the text up to its terminating NUL, so a NUL byte inside
-    // the file would end the document early; where the parser stopped tells
-    // whether the whole file was read, and a file that was not is the syntax
-    // error it looks like.
-    rapidjson::StringStream stream(content.c_str());
-    document.ParseStream(stream);
-    const bool readWhole = stream.Tell() == content.size();
-    // The DOM holds its own copy of every string: releasing the text now keeps
-    // a large manifest from being held three times while the model is built.
-    std::string().swap(content);
-    if (!readWhole || document.HasParseError() || !document.IsObject()) {
-      PM_ERROR("[Patch]:Not valid json document for Deployemnt manifest json.");
-      return kManifestInvalid;
-    }
-    result = ParseManifestObject(document, *this);
-  }
+  const int32_t result = ParseManifestText(std::move(content));
   if (result != kManifestOk) return result;
 
   DumpManifest();
   PM_DEBUG("[Patch]:Deployment manifest: " << path << " parsed successfully");
   return kManifestOk;
+}
+
+int32_t DeploymentJobManifest::ParseManifestText(std::string content) {
+  rapidjson::Document document;
+  // The parser reads the text up to its terminating NUL, so a NUL byte inside
+  // the file would end the document early; where the parser stopped tells
+  // whether the whole file was read, and a file that was not is the syntax
+  // error it looks like.
+  rapidjson::StringStream stream(content.c_str());
+  document.ParseStream(stream);
+  const bool readWhole = stream.Tell() == content.size();
+  // The DOM holds its own copy of every string: releasing the text now keeps
+  // a large manifest from being held three times while the model is built.
+  std::string().swap(content);
+  if (!readWhole || document.HasParseError() || !document.IsObject()) {
+    PM_ERROR("[Patch]:Not valid json document for Deployemnt manifest json.");
+    return kManifestInvalid;
+  }
+  return ParseManifestObject(document, *this);
 }
 
 void DeploymentJobManifest::DumpManifest() const {

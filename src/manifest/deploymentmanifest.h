@@ -96,6 +96,10 @@ class DeploymentJobManifest {
   // failed parse may leave the jobs accepted before the failure.
   int32_t ParseManifest(const std::string& path);
 
+  // The checks and the filling of ParseManifest, on manifest text already in
+  // memory; no dump and no success line. 0 or 100010.
+  int32_t ParseManifestText(std::string content);
+
   // Writes the manifest to the debug log.
   void DumpManifest() const;
 

@@ -172,6 +172,9 @@ TEST_F(ManifestParseTest, RequiredKeyMissingOrMistypedFailsWithOneMessageFromIts
       {{{pba + "/1/architecture", ""}}, "string field architecture in packagesbyarch in manifest"},
       {{{pba + "/1/packages", "\"x\""}}, "array field packages in packagesbyarch in manifest"},
       {{{pba + "/0/packages/1", "5"}}, ""},
+      // Looked into, these would trip the JSON library's consistency check.
+      {{{"/jobs/0", "1"}}, "[Patch]:Element of jobs in manifest is not an object"},
+      {{{"/jobs/0/patches/1", "\"P2\""}}, "[Patch]:Element of patches in manifest is not an object"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.edits[0].first + " := " + c.edits[0].second);
@@ -232,22 +235,16 @@ TEST_F(ManifestParseTest, UnreadableOrNonObjectFilesAreRejected) {
   EXPECT_EQ(ParseText(""), kManifestUnreadable);
 
   const std::string notJson = "[Patch]:Not valid json document for Deployemnt manifest json.";
-  const std::vector<std::string> texts = {"[]", "{\"schemaversion\": 1,}", "{} {}", std::string("{}\0{}", 5),
-                                          "\"{}\""};
+  // Nesting far deeper than any stack frame per level would survive.
+  const std::string deep = std::string(200000, '[') + std::string(200000, ']');
+  const std::vector<std::string> texts = {
+      "[]", "{\"schemaversion\": 1,}", "{} {}", std::string("{}\0{}", 5), "\"{}\"", deep};
   for (const std::string& text : texts) {
     SCOPED_TRACE(text);
     CaptureLog("trace");
     EXPECT_EQ(ParseText(text), kManifestInvalid);
     EXPECT_TRUE(HasLogLine(Log(), notJson, "Error"));
   }
-}
-
-// Elements of "jobs" and "patches" are trusted to be objects; when one is not,
-// the process must end at once in every build type rather than read past it.
-TEST_F(ManifestParseTest, NonObjectJobOrPatchEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(ParseEdited({{"/jobs/0", "1"}}), "JSON consistency check failed");
-  EXPECT_DEATH(ParseEdited({{"/jobs/0/patches/1", "\"P2\""}}), "JSON consistency check failed");
 }
 
 TEST(FindDeploymentJobTest, TakesTheFirstJobWithTheSameIdAndSignWidenedRunId) {
