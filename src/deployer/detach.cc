@@ -14,6 +14,7 @@
 #include <iostream>
 #include <vector>
 
+#include "util/filewriter.h"
 #include "util/log.h"
 #include "zelkor/strerror.h"
 
@@ -131,10 +132,11 @@ void DetachPatchProcess(const std::string& resultDirectory, const std::string& j
   }
 
   close(ack[0]);
-  // Group write stays masked for everything the run creates. The entry has
-  // normally set this mask already (and restores the agent's at exit), so
-  // setting it again changes nothing.
-  umask(020);
+  // Nothing the run or its deployment script creates is writable by group or
+  // others: result files that anyone can rewrite could fake an outcome. The
+  // entry has normally set this mask already (and restores the agent's at
+  // exit), so setting it again changes nothing.
+  umask(kFileCreationMask);
   const pid_t self = getpid();
   ExitCodeFile::Create(resultDirectory, jobId, runId, static_cast<int>(self));
   // The exit-code file exists before the agent is let go, so that it always
@@ -161,8 +163,12 @@ void ExitCodeFile::Create(const std::string& resultDirectory, const std::string&
   try {
     file_ = resultDirectory + "/." + jobId + "." + runId + "." + std::to_string(pid) + ".exit";
     PM_INFO("Creating exit code file : " << file_ << " for pid: " << pid);
-    std::ofstream out(file_, std::ios::out | std::ios::trunc);
-    if (!out) PM_ERROR("Failed to create exit code file : " << file_ << " error: " << util::strerror(errno));
+    // The space for the code is set aside now, so that saving it cannot fail
+    // when the run has filled the result directory's file system: the exit
+    // code is the one thing the agent must always get.
+    if (FileWriteError failure = CreateReservedFile(file_, kReservedBytes)) {
+      PM_ERROR("Failed to create exit code file : " << file_ << " error: " << failure.Text());
+    }
   } catch (const std::exception& e) {
     PM_ERROR("Exception in creating exit code file " << e.what());
   }
@@ -171,12 +177,12 @@ void ExitCodeFile::Create(const std::string& resultDirectory, const std::string&
 void ExitCodeFile::Save() {
   try {
     PM_INFO("Saving the exit code of the patch process: " << exitCode_);
-    std::ofstream out(file_, std::ios::out | std::ios::trunc);
-    if (!out) {
-      PM_ERROR("Failed to create exit code file : " << file_ << " error: " << util::strerror(errno));
-      return;
+    const FileWriteError failure = OverwriteFile(file_, std::to_string(exitCode_));
+    if (failure.step == FileWriteError::kOpen) {
+      PM_ERROR("Failed to create exit code file : " << file_ << " error: " << failure.Text());
+    } else if (failure) {
+      PM_ERROR("Exception occurred in saving exit code " << failure.Text());
     }
-    out << exitCode_;
   } catch (const std::exception& e) {
     PM_ERROR("Exception occurred in saving exit code " << e.what());
   }

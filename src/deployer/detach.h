@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 
@@ -29,9 +31,17 @@ class ExitCodeFile {
   // Names the file and creates it empty. Logs failures, never throws.
   static void Create(const std::string& resultDirectory, const std::string& jobId, const std::string& runId,
                      int pid);
-  // Writes exitCode_ in decimal, nothing else. Logs failures, never throws.
+  // Writes exitCode_ in decimal, nothing else, into the space Create set
+  // aside. Logs failures, never throws.
   static void Save();
+
+  // Room for any 32-bit code in decimal, with its sign.
+  static constexpr off_t kReservedBytes = 16;
 };
+
+// The file-creation mask of the whole run: nothing the tool or its deployment
+// script creates is writable by group or others.
+constexpr mode_t kFileCreationMask = 022;
 
 // Where the detached child registers itself to leave the agent's service group.
 constexpr const char* kSystemdTasksPath = "/sys/fs/cgroup/systemd/tasks";

@@ -1,11 +1,11 @@
 #include "deployer/patcher.h"
 
-#include <Poco/File.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <ctime>
-#include <fstream>
-#include <iterator>
 
 #include "util/json.h"
 #include "util/log.h"
@@ -28,27 +28,36 @@ int64_t Now() { return static_cast<int64_t>(std::time(nullptr)); }
 
 bool IsFailure(int32_t status) { return status == kInstallFailed || status == kPackageManagerLocked; }
 
+// Gives the memory back; clear() would keep the capacity of a 5 MiB text.
+void Release(std::string& text) { std::string().swap(text); }
+
 void RunCommand(const util::CommandDetails& details, util::CommandResult& result) {
   result.timeLimitSeconds += kScriptGraceSeconds;
   util::SetKillChildHierarchy(true);
   if (!util::ExecuteCommand(details, result)) {
     result.stdErr += "the deployment script could not be started";
   }
+  // A script's background children that have ended since come back to the
+  // tool (a child subreaper); collected here, they never pile up as zombies
+  // over a job of thousands of packages. Those still running are left alone.
+  util::ReapExitedOrphans();
+}
+
+// The output file of the previous package must not speak for this one: a
+// script that crashes or writes nothing would be credited with its outcome.
+// This is the one file of the script's that the tool deletes; what the last
+// script wrote stays after the run. False, with `message` set, when a file
+// stands there that cannot be removed.
+bool RemoveStaleScriptOutput(const std::string& path, std::string& message) {
+  if (::unlink(path.c_str()) == 0 || errno == ENOENT) return true;
+  message = "Failed to remove stale script output file: " + path + ", error: " + util::strerror(errno);
+  PM_ERROR(message);
+  return false;
 }
 
 // The packages that a stopped loop never reached stay visible as pending.
 void MarkPending(const std::vector<std::string>& packages, size_t from, PatchResult& result) {
   for (size_t i = from; i < packages.size(); ++i) result.pendingExecutionPackages.insert(packages[i]);
-}
-
-void FailForClosedWindow(const std::string& packageName, int64_t now, int64_t windowEnd,
-                         PatchResult& result) {
-  result.failed = true;
-  result.status = kInstallFailed;
-  result.exitCode = 1;
-  result.errorMessage = "patch window is over.[currentTime,windowTime]: [" + std::to_string(now) + ", " +
-                        std::to_string(windowEnd) + "]";
-  result.failedPackages.push_back({result.exitCode, packageName, result.errorMessage, ""});
 }
 
 void ClassifyPatch(const std::string& patchId, bool failed, const PackageCounters& counters,
@@ -72,9 +81,40 @@ void ClassifyPatch(const std::string& patchId, bool failed, const PackageCounter
 
 }  // namespace
 
+void FailedTextBudget::File(const std::shared_ptr<PatchResult>& result, FailedPackage package) {
+  nameBytes_ += package.name.size();
+  errorTextBytes_ += package.errorText.size();
+  stdOutBytes_ += package.stdOut.size();
+  if (results_.empty() || results_.back() != result) results_.push_back(result);
+  result->failedPackages.push_back(std::move(package));
+
+  const bool dropStdOut = nameBytes_ + errorTextBytes_ + stdOutBytes_ >= kResultSizeLimit;
+  const bool dropErrorText = nameBytes_ + errorTextBytes_ >= kResultSizeLimit;
+  if (dropStdOut != dropStdOut_ || dropErrorText != dropErrorText_) {
+    dropStdOut_ = dropStdOut;
+    dropErrorText_ = dropErrorText;
+    for (const auto& earlier : results_) DropTexts(*earlier);
+  } else {
+    DropTexts(*result);
+  }
+}
+
+void FailedTextBudget::DropTexts(PatchResult& result) const {
+  for (FailedPackage& package : result.failedPackages) {
+    if (dropStdOut_ && !package.stdOut.empty()) {
+      result.droppedStdOutBytes += package.stdOut.size();
+      Release(package.stdOut);
+    }
+    if (dropErrorText_ && !package.errorText.empty()) {
+      result.droppedErrorTextBytes += package.errorText.size();
+      Release(package.errorText);
+    }
+  }
+}
+
 int32_t Patcher::DeployPatch(const DeploymentPatch& patch, bool continueAfterPackageFailedForPatch,
                              bool ignoreTimeout, int64_t windowEnd, PatchResultMap& results,
-                             volatile bool* stopRequested) {
+                             const std::atomic<bool>* stopRequested) {
   auto entry = results.find(patch.patchId);
   if (entry == results.end() || !entry->second) return kInstallFailed;
   PatchResult& result = *entry->second;
@@ -87,7 +127,7 @@ int32_t Patcher::DeployPatch(const DeploymentPatch& patch, bool continueAfterPac
   int32_t lastStatus = kInstallSuccess;
   bool failedWhileContinuing = false;
   for (size_t i = 0; i < packages.size(); ++i) {
-    if (stopRequested != nullptr && *stopRequested) {
+    if (stopRequested != nullptr && stopRequested->load()) {
       MarkPending(packages, i, result);
       break;
     }
@@ -95,7 +135,12 @@ int32_t Patcher::DeployPatch(const DeploymentPatch& patch, bool continueAfterPac
     if (ignoreTimeout) {
       windowEnd = now + kIgnoredTimeoutWindowSeconds;
     } else if (now > windowEnd) {
-      FailForClosedWindow(packages[i], now, windowEnd, result);
+      result.failed = true;
+      result.status = kInstallFailed;
+      result.exitCode = 1;
+      result.errorMessage = "patch window is over.[currentTime,windowTime]: [" + std::to_string(now) + ", " +
+                            std::to_string(windowEnd) + "]";
+      failedTexts_.File(counters.result, {result.exitCode, packages[i], result.errorMessage, ""});
       MarkPending(packages, i + 1, result);
       lastStatus = kInstallFailed;
       break;
@@ -137,10 +182,16 @@ int32_t Patcher::InstallPackage(const ScriptSettings& settings, const std::strin
         PM_TRACE("Package: " << packageName << " is not applicable");
         break;
       default:
-        result.failedPackages.push_back({result.exitCode, packageName, result.errorMessage, result.stdOut});
+        failedTexts_.File(counters.result,
+                          {result.exitCode, packageName, result.errorMessage, std::move(result.stdOut)});
         PM_TRACE("Package: " << packageName << " failed to install");
         break;
     }
+    // The command's output has been filed where the documents read it. The
+    // result keeps its error message for the patch's interim state unless the
+    // size limit will empty such texts anyway.
+    Release(result.stdOut);
+    if (!IsFailure(result.status) || failedTexts_.DropsErrorText()) Release(result.errorMessage);
     return result.status;
   } catch (const std::exception& e) {
     PM_ERROR("Failed to execute DeploymentScript: " << settings.deploymentScriptPath << ", packagename: "
@@ -161,6 +212,14 @@ void ExecuteDeploymentCommand(const DeploymentCommandRequest& request, PatchResu
   result.errorMessage.clear();
   result.failed = false;
 
+  std::string message;
+  if (!RemoveStaleScriptOutput(request.scriptOutputPath, message)) {
+    result.status = kInstallFailed;
+    result.exitCode = 1;
+    result.errorMessage = "stdError: [" + message + ", ]";
+    return;
+  }
+
   const int64_t now = Now();
   const uint64_t timeLimit = request.windowEnd > now ? static_cast<uint64_t>(request.windowEnd - now) : 0;
   // The package name is one argument of its own: nothing in it is ever read
@@ -172,13 +231,11 @@ void ExecuteDeploymentCommand(const DeploymentCommandRequest& request, PatchResu
 
   result.exitCode = command.exitCode;
   int32_t scriptStatus = kInstallFailed;
-  std::string message;
   try {
     ReadScriptResult(request.scriptOutputPath, scriptStatus, result.exitCode, message);
   } catch (const std::exception& e) {
     PM_ERROR("std::exception occurred while processing result file output, " << e.what());
   }
-  result.stdOut = command.stdOut;
   result.status = (scriptStatus >= kInstallSuccess && scriptStatus <= kPackageManagerLocked) ? scriptStatus
                                                                                              : kInstallFailed;
   result.errorMessage = "stdError: [" + message + ", " + command.stdErr + "]";
@@ -188,23 +245,45 @@ void ExecuteDeploymentCommand(const DeploymentCommandRequest& request, PatchResu
   }
   PM_INFO("Command: " << commandLine << " exit code: " << result.exitCode
                       << ", custom exit code: " << result.status);
+  result.stdOut = std::move(command.stdOut);
 }
 
 void ReadScriptResult(const std::string& path, int32_t& status, int64_t& exitCode, std::string& message) {
-  if (!Poco::File(path).exists()) {
+  // Not blocking: a FIFO left at the path would otherwise hold the open for
+  // ever.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0 && errno == ENOENT) {
     PM_ERROR("Failed to locate result file after deployment: " << path);
     message = "Failed to locate result file after deployment";
     status = kInstallFailed;
     return;
   }
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    PM_ERROR("Failed to open file: " << path << ", error: " << util::strerror(errno));
+  struct stat info {};
+  if (fd < 0 || ::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    const std::string reason = fd < 0 ? util::strerror(errno) : "not a regular file";
+    if (fd >= 0) ::close(fd);
+    PM_ERROR("Failed to open file: " << path << ", error: " << reason);
     message = "Failed to open file: " + path;
     status = kInstallFailed;
     return;
   }
-  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  // One byte more than the longest accepted output tells a longer file apart.
+  std::string text;
+  text.resize(std::min<size_t>(static_cast<size_t>(info.st_size), kLongestScriptOutput) + 1);
+  size_t filled = 0;
+  for (ssize_t n; filled < text.size() && (n = ::read(fd, &text[filled], text.size() - filled)) != 0;) {
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) break;
+    filled += static_cast<size_t>(n);
+  }
+  ::close(fd);
+  text.resize(filled);
+  if (text.size() > kLongestScriptOutput) text.clear();
+  ParseScriptResult(text, path, status, exitCode, message);
+}
+
+void ParseScriptResult(const std::string& text, const std::string& path, int32_t& status, int64_t& exitCode,
+                       std::string& message) {
   rapidjson::Document document;
   document.Parse(text.c_str(), text.size());
   if (document.HasParseError() || !document.IsObject()) {

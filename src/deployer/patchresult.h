@@ -46,6 +46,12 @@ struct PatchResult {
   // Filled by no step of the run; counted in the result-size estimate.
   std::set<std::string> otherPackages;
   std::vector<FailedPackage> failedPackages;
+  // Bytes of failed-package output and error text let go during the run
+  // because the result size limit was sure to empty them at its end. The size
+  // estimate still counts them, so the limit decides exactly as it would have
+  // with every text kept.
+  uint64_t droppedStdOutBytes = 0;
+  uint64_t droppedErrorTextBytes = 0;
 };
 
 // Patch id to its result, in byte-wise ascending patch-id order. An entry may

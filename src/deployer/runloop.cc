@@ -14,8 +14,6 @@ namespace patchmgmt::deployer {
 
 namespace {
 
-// The result document must stay small enough for the agent to upload.
-constexpr uint64_t kResultSizeLimit = 1048576;
 // What a result that did not fail costs in the document besides its names.
 constexpr uint64_t kSucceededResultOverhead = 40;
 
@@ -98,11 +96,10 @@ uint64_t TotalResultSize(const PatchResultMap& results) {
 }
 
 template <typename Change>
-void ForEachFailedPackage(PatchResultMap& results, Change change) {
+void ForEachResult(PatchResultMap& results, Change change) {
   for (auto& entry : results) {
     CPULimit::getInstance().calculateAndSleep();
-    if (!entry.second) continue;
-    for (FailedPackage& package : entry.second->failedPackages) change(package);
+    if (entry.second) change(*entry.second);
   }
 }
 
@@ -151,18 +148,24 @@ uint64_t EstimateResultSize(const PatchResult& result) {
   for (const FailedPackage& package : result.failedPackages) {
     size += package.name.size() + package.errorText.size() + package.stdOut.size();
   }
-  return size;
+  return size + result.droppedStdOutBytes + result.droppedErrorTextBytes;
 }
 
 void LimitResultSize(PatchResultMap& results) {
   if (TotalResultSize(results) < kResultSizeLimit) return;
   PM_WARNING("Truncating stdout from patch result");
-  ForEachFailedPackage(results, [](FailedPackage& package) { package.stdOut.clear(); });
+  ForEachResult(results, [](PatchResult& result) {
+    for (FailedPackage& package : result.failedPackages) package.stdOut.clear();
+    result.droppedStdOutBytes = 0;
+  });
   if (TotalResultSize(results) < kResultSizeLimit) return;
   PM_WARNING("Truncating stdout and stderror both from patch result");
-  ForEachFailedPackage(results, [](FailedPackage& package) {
-    package.stdOut.clear();
-    package.errorText.clear();
+  ForEachResult(results, [](PatchResult& result) {
+    for (FailedPackage& package : result.failedPackages) {
+      package.stdOut.clear();
+      package.errorText.clear();
+    }
+    result.droppedErrorTextBytes = 0;
   });
 }
 

@@ -2,13 +2,18 @@
 
 #include <Poco/Exception.h>
 #include <Poco/File.h>
+#include <limits.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <string>
 
@@ -24,6 +29,7 @@
 #include "util/log.h"
 #include "zelkor/agent.h"
 #include "zelkor/logger.h"
+#include "zelkor/strerror.h"
 
 namespace patchmgmt {
 
@@ -83,9 +89,10 @@ mode_t previousFileCreationMask = 0;
 
 void RestoreFileCreationMask() { umask(previousFileCreationMask); }
 
-// Files the run leaves behind must not be writable by the agent's group.
-void MaskGroupWrite() {
-  previousFileCreationMask = umask(020);
+// Files the run leaves behind must not be writable by group or others: a
+// result document anyone could rewrite could fake an outcome.
+void MaskGroupAndOtherWrite() {
+  previousFileCreationMask = umask(kFileCreationMask);
   std::atexit(RestoreFileCreationMask);
 }
 
@@ -134,6 +141,17 @@ int ValidateArguments(const RunContext& context) {
   return kSucceeded;
 }
 
+// Relative paths were checked against the directory the tool was started in;
+// the detached run works in "/", so from here on they are used in full.
+void ResolveRelativePaths(RunContext& context) {
+  char directory[PATH_MAX];
+  if (getcwd(directory, sizeof directory) == nullptr) {
+    PM_ERROR("Failed to read the working directory, relative paths stay as given: " << util::strerror(errno));
+    return;
+  }
+  context.arguments->ResolveRelativePaths(directory);
+}
+
 void CopyArguments(RunContext& context) {
   const protobuf::pb::PatchArguments& patch = context.arguments->GetPatchArguments();
   context.jobID = patch.jobid();
@@ -180,6 +198,7 @@ int PrepareRun(int argc, char** argv, RunContext& context) {
   if (int status = LoadArguments(argumentFile, context); status != kSucceeded) return status;
   if (int status = CheckOperationType(context, program); status != kSucceeded) return status;
   if (int status = ValidateArguments(context); status != kSucceeded) return status;
+  ResolveRelativePaths(context);
   CopyArguments(context);
   EnsureResultDirectory(context);
   return CheckInterimInterval(context);
@@ -267,9 +286,13 @@ int DeployJob(const RunContext& context, DeploymentJob& job, uint64_t manifestIn
   // joined first on every way out, an exception included.
   std::shared_ptr<InterimResultGeneratorThread> interimGenerator;
   if (context.isInterimResultEnable) {
-    interimGenerator = std::make_shared<InterimResultGeneratorThread>(
-        jobRunInfo, context.interimResultDir,
-        static_cast<uint32_t>(context.interimResultGenerateTimeInSeconds), true);
+    // The generator counts its period in 32 bits. A longer period is the
+    // longest it can count, never the period modulo 2^32: 2^32 s would wrap
+    // to 0 and write documents as fast as the disk takes them.
+    const uint32_t period = static_cast<uint32_t>(
+        std::min<uint64_t>(context.interimResultGenerateTimeInSeconds, std::numeric_limits<uint32_t>::max()));
+    interimGenerator =
+        std::make_shared<InterimResultGeneratorThread>(jobRunInfo, context.interimResultDir, period, true);
     interimGenerator->Start();
   }
 
@@ -320,7 +343,7 @@ int RunTool(int argc, char** argv) {
     ClearStopFlags();
     const std::string logConfigPath = LogConfigPath();
     zagent::LOGGER_NAME = "zelkor-patchmgmt-tool";
-    MaskGroupWrite();
+    MaskGroupAndOtherWrite();
     if (int status = SetUpLogging(logConfigPath); status != kSucceeded) return status;
     PM_INFO("Started tool execution");
 

@@ -2,11 +2,11 @@
 
 #include <cerrno>
 #include <ctime>
-#include <fstream>
 #include <utility>
 
 #include "healthstatus/patchstatusdatabase.h"
 #include "util/files.h"
+#include "util/filewriter.h"
 #include "util/log.h"
 #include "zelkor/strerror.h"
 
@@ -102,21 +102,23 @@ bool PatchStatusHelper::WriteAhsMessages(ahs::PatchAHSMessages& messages, const 
   if (path.empty()) return false;
   PM_DEBUG("Writting AHS messages to file " << path);
 
-  errno = 0;
-  std::ofstream file(path, std::ios::binary | std::ios::out | std::ios::trunc);
-  if (!file.is_open()) {
-    const int error = errno;
-    PM_ERROR("Failed to open file: " << path << " error: " << util::strerror(error));
+  std::string bytes;
+  if (!messages.SerializeToString(&bytes)) {
+    PM_ERROR("Failed to serialised ahs data to file: " << path);
     return false;
   }
-  // The flush is part of the check: a record is only dropped from `messages`
-  // once its bytes have left this process.
-  if (!messages.SerializeToOstream(&file) || !file.flush()) {
+  // A record is only dropped from `messages` once the whole file is on disk;
+  // until then whatever stood at `path` stays as it was.
+  const FileWriteError failure = ReplaceFile(path, bytes);
+  if (failure.step == FileWriteError::kOpen) {
+    PM_ERROR("Failed to open file: " << path << " error: " << failure.Text());
+    return false;
+  }
+  if (failure) {
     PM_ERROR("Failed to serialised ahs data to file: " << path);
     return false;
   }
   messages.Clear();
-  file.close();
   return true;
 }
 

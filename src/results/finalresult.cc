@@ -1,15 +1,12 @@
 #include "results/finalresult.h"
 
-#include <cerrno>
-#include <exception>
-#include <fstream>
 #include <vector>
 
 #include "results/resultdocument.h"
 #include "util/files.h"
+#include "util/filewriter.h"
 #include "util/json.h"
 #include "util/log.h"
-#include "zelkor/strerror.h"
 
 namespace patchmgmt {
 
@@ -48,101 +45,97 @@ FinalArrays ClassifyResults(const deployer::PatchResultMap& results) {
   return arrays;
 }
 
-void PatchIdArray(ResultTreeBuilder& tree, const char* key, const std::vector<const Entry*>& entries) {
-  tree.Key(key);
-  tree.StartArray();
-  for (const Entry* entry : entries) tree.RefString(entry->first);
-  tree.EndArray();
+void PatchIdArray(ResultWriter& out, const char* key, const std::vector<const Entry*>& entries) {
+  out.Key(key);
+  out.StartArray();
+  for (const Entry* entry : entries) out.String(entry->first);
+  out.EndArray();
 }
 
-void PackageNames(ResultTreeBuilder& tree, const char* key, const std::set<std::string>& names) {
-  tree.Key(key);
-  tree.StartArray();
-  for (const auto& name : names) tree.RefString(name);
-  tree.EndArray();
+void PackageNames(ResultWriter& out, const char* key, const std::set<std::string>& names) {
+  out.Key(key);
+  out.StartArray();
+  for (const auto& name : names) out.String(name);
+  out.EndArray();
 }
 
-void FailedPackages(ResultTreeBuilder& tree, const std::vector<deployer::FailedPackage>& packages) {
-  tree.Key("failedPackages");
-  tree.StartArray();
+void FailedPackages(ResultWriter& out, const std::vector<deployer::FailedPackage>& packages) {
+  out.Key("failedPackages");
+  out.StartArray();
   for (const auto& package : packages) {
-    tree.StartObject();
-    tree.Key("name");
-    tree.RefString(package.name);
-    tree.Key("exitCode");
-    tree.Int64(package.exitCode);
-    tree.Key("errorMessage");
+    out.StartObject();
+    out.Key("name");
+    out.String(package.name);
+    out.Key("exitCode");
+    out.Int64(package.exitCode);
+    out.Key("errorMessage");
     if (package.stdOut.empty()) {
-      tree.RefString(package.errorText);
+      out.String(package.errorText);
     } else {
-      tree.JoinedString({"stdOut: [", package.stdOut, "], ", package.errorText});
+      out.JoinedString("stdOut: [", package.stdOut, "], ", package.errorText);
     }
-    tree.EndObject();
+    out.EndObject();
   }
-  tree.EndArray();
+  out.EndArray();
 }
 
-void FailedPatch(ResultTreeBuilder& tree, const Entry& entry) {
+void FailedPatch(ResultWriter& out, const Entry& entry) {
   const deployer::PatchResult* result = entry.second.get();
   // A patch that was never processed has no record to report from.
   if (result == nullptr) {
-    tree.EmptyFailedPatch(entry.first);
+    out.EmptyFailedPatch(entry.first);
     return;
   }
-  tree.StartObject();
-  tree.FailedPatchHead(entry.first, result->size);
-  PackageNames(tree, "successPackages", result->successPackages);
-  PackageNames(tree, "pendingExecutionPackages", result->pendingExecutionPackages);
-  PackageNames(tree, "alreadyInstalledPackages", result->alreadyInstalledPackages);
-  PackageNames(tree, "notApplicablePackages", result->notApplicablePackages);
-  FailedPackages(tree, result->failedPackages);
-  tree.EndObject();
-}
-
-void BuildFinalDocument(const JobRunInfo& jobRunInfo, const deployer::PatchResultMap& results,
-                        rapidjson::Document& document) {
-  const FinalArrays arrays = ClassifyResults(results);
-  auto emit = [&](rapidjson::Document& handler) {
-    ResultTreeBuilder tree(handler);
-    tree.StartObject();
-    tree.Key("deploymentResult");
-    tree.StartObject();
-    tree.ResultHeader(jobRunInfo, true, "FINAL");
-    PatchIdArray(tree, "success", arrays.success);
-    tree.Key("failed");
-    tree.StartArray();
-    for (const Entry* entry : arrays.failed) FailedPatch(tree, *entry);
-    tree.EndArray();
-    PatchIdArray(tree, "alreadyInstalled", arrays.alreadyInstalled);
-    // The final document carries the interim document's key set; only
-    // interim documents fill superseded and the in-progress states.
-    tree.EmptyArray("superseded");
-    PatchIdArray(tree, "notApplicable", arrays.notApplicable);
-    if (!arrays.patchExecutionTime.empty()) {
-      tree.Key("patchExecutionTime");
-      tree.StartArray();
-      for (const Entry* entry : arrays.patchExecutionTime) {
-        tree.StartObject();
-        tree.Key("id");
-        tree.RefString(entry->first);
-        tree.Key("duration");
-        tree.Int64(entry->second->executionTime);
-        tree.EndObject();
-      }
-      tree.EndArray();
-    }
-    tree.EmptyArray("pendingExecution");
-    tree.EmptyArray("executing");
-    tree.EmptyArray("pendingReboot");
-    tree.EmptyArray("pendingVerification");
-    tree.EndObject();
-    tree.EndObject();
-    return true;
-  };
-  document.Populate(emit);
+  out.StartObject();
+  out.FailedPatchHead(entry.first, result->size);
+  PackageNames(out, "successPackages", result->successPackages);
+  PackageNames(out, "pendingExecutionPackages", result->pendingExecutionPackages);
+  PackageNames(out, "alreadyInstalledPackages", result->alreadyInstalledPackages);
+  PackageNames(out, "notApplicablePackages", result->notApplicablePackages);
+  FailedPackages(out, result->failedPackages);
+  out.EndObject();
 }
 
 }  // namespace
+
+void WriteFinalDocument(const JobRunInfo& jobRunInfo, const deployer::PatchResultMap& results,
+                        rapidjson::StringBuffer& text) {
+  const FinalArrays arrays = ClassifyResults(results);
+  ResultWriter out(text);
+  out.StartObject();
+  out.Key("deploymentResult");
+  out.StartObject();
+  out.ResultHeader(jobRunInfo, true, "FINAL");
+  PatchIdArray(out, "success", arrays.success);
+  out.Key("failed");
+  out.StartArray();
+  for (const Entry* entry : arrays.failed) FailedPatch(out, *entry);
+  out.EndArray();
+  PatchIdArray(out, "alreadyInstalled", arrays.alreadyInstalled);
+  // The final document carries the interim document's key set; only interim
+  // documents fill superseded and the in-progress states.
+  out.EmptyArray("superseded");
+  PatchIdArray(out, "notApplicable", arrays.notApplicable);
+  if (!arrays.patchExecutionTime.empty()) {
+    out.Key("patchExecutionTime");
+    out.StartArray();
+    for (const Entry* entry : arrays.patchExecutionTime) {
+      out.StartObject();
+      out.Key("id");
+      out.String(entry->first);
+      out.Key("duration");
+      out.Int64(entry->second->executionTime);
+      out.EndObject();
+    }
+    out.EndArray();
+  }
+  out.EmptyArray("pendingExecution");
+  out.EmptyArray("executing");
+  out.EmptyArray("pendingReboot");
+  out.EmptyArray("pendingVerification");
+  out.EndObject();
+  out.EndObject();
+}
 
 int GenerateFinalResult(const std::string& resultDirectory, const JobRunInfo& jobRunInfo,
                         const deployer::PatchResultMap& results) {
@@ -156,34 +149,23 @@ int GenerateFinalResult(const std::string& resultDirectory, const JobRunInfo& jo
            << " in file: " << path);
 
   rapidjson::StringBuffer text;
-  {
-    rapidjson::Document document;
-    BuildFinalDocument(jobRunInfo, results, document);
-    SerializeCompact(document, text);
-  }
+  WriteFinalDocument(jobRunInfo, results, text);
 
-  try {
-    std::ofstream file(path, std::ios::out | std::ios::trunc | std::ios::binary);
-    if (!file) {
-      const int error = errno;
-      PM_ERROR("Failed to open file " << path << " in write mode. "
-                                      << " error :" << util::strerror(error));
-      return kResultOpenFailed;
-    }
-    // A full disk or an I/O error shows up at the insertion or at the flush;
-    // closing afterwards has nothing left to report.
-    file.exceptions(std::ios::badbit | std::ios::failbit);
-    file.write(text.GetString(), static_cast<std::streamsize>(text.GetSize()));
-    file.flush();
-    file.exceptions(std::ios::goodbit);
-    file.close();
-    PM_DEBUG("Generated result for jobid: " << jobRunInfo.jobId << " and runid " << jobRunInfo.runId
-                                            << " in file: " << path);
-    return 0;
-  } catch (const std::exception& e) {
-    PM_ERROR("Failed to write result in file: " << path << " error :" << e.what());
+  // Written whole beside the document and renamed over it: a full disk or an
+  // I/O error leaves no truncated document in its place, only this failure.
+  const FileWriteError failure = ReplaceFile(path, {text.GetString(), text.GetSize()});
+  if (failure.step == FileWriteError::kOpen) {
+    PM_ERROR("Failed to open file " << path << " in write mode. "
+                                    << " error :" << failure.Text());
+    return kResultOpenFailed;
+  }
+  if (failure) {
+    PM_ERROR("Failed to write result in file: " << path << " error :" << failure.Text());
     return kResultWriteFailed;
   }
+  PM_DEBUG("Generated result for jobid: " << jobRunInfo.jobId << " and runid " << jobRunInfo.runId
+                                          << " in file: " << path);
+  return 0;
 }
 
 }  // namespace patchmgmt

@@ -3,11 +3,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <vector>
 
 #include "healthstatus/patchstatushelper.h"
 #include "results/resultdocument.h"
+#include "util/filewriter.h"
 #include "util/json.h"
 #include "util/log.h"
 #include "util/timestamps.h"
@@ -48,18 +48,18 @@ int64_t NowSeconds() {
       .count();
 }
 
-void StateElement(ResultTreeBuilder& tree, uint32_t code, const Entry& entry) {
+void StateElement(ResultWriter& out, uint32_t code, const Entry& entry) {
   if (code == kInterimFailed) {
-    tree.EmptyFailedPatch(entry.first);
+    out.EmptyFailedPatch(entry.first);
   } else if (code == kInterimSuperseded) {
-    tree.StartObject();
-    tree.Key("patchId");
-    tree.RefString(entry.first);
-    tree.Key("supersedingPatchId");
-    tree.RefString(entry.second->supersedingPatchId);
-    tree.EndObject();
+    out.StartObject();
+    out.Key("patchId");
+    out.String(entry.first);
+    out.Key("supersedingPatchId");
+    out.String(entry.second->supersedingPatchId);
+    out.EndObject();
   } else {
-    tree.RefString(entry.first);
+    out.String(entry.first);
   }
 }
 
@@ -75,43 +75,36 @@ InterimDocument BuildInterimDocument(const InterimResultMap& snapshot, const Job
     states[record->code - kInterimPendingExecution].push_back(&entry);
   }
 
-  rapidjson::Document result;
-  auto emit = [&](rapidjson::Document& handler) {
-    ResultTreeBuilder tree(handler);
-    tree.StartObject();
-    tree.ResultHeader(jobRunInfo, false, "INTERIM");
-    for (const auto& state : kStateArrays) {
-      tree.Key(state.key);
-      tree.StartArray();
-      for (const Entry* entry : states[state.code - kInterimPendingExecution]) {
-        StateElement(tree, state.code, *entry);
-      }
-      tree.EndArray();
-    }
-    tree.EndObject();
-    return true;
-  };
-  result.Populate(emit);
-
-  InterimDocument interim;
-  // The end time is left out of the digest so that documents with the same
-  // content carry the same name whenever they were written.
-  rapidjson::StringBuffer withoutEndTime;
-  SerializeCompact(result, withoutEndTime);
-  FileRep::calculateDigest(FileRep::kDigestSha256, withoutEndTime.GetString(), withoutEndTime.GetSize(),
-                           interim.digest, true);
-
-  auto& allocator = result.GetAllocator();
-  const std::string endTime = FormatUtcMilliseconds(static_cast<uint64_t>(NowMilliseconds()));
-  result.AddMember(
-      "endDateTime",
-      rapidjson::Value(endTime.data(), static_cast<rapidjson::SizeType>(endTime.size()), allocator),
-      allocator);
-  rapidjson::Value document(rapidjson::kObjectType);
-  document.AddMember("deploymentResult", static_cast<rapidjson::Value&>(result), allocator);
-
   rapidjson::StringBuffer text;
-  SerializeCompact(document, text);
+  ResultWriter out(text);
+  out.StartObject();
+  out.Key("deploymentResult");
+  out.StartObject();
+  // Where the result object's "{" stands in the text.
+  const size_t resultObject = text.GetSize() - 1;
+  out.ResultHeader(jobRunInfo, false, "INTERIM");
+  for (const auto& state : kStateArrays) {
+    out.Key(state.key);
+    out.StartArray();
+    for (const Entry* entry : states[state.code - kInterimPendingExecution]) {
+      StateElement(out, state.code, *entry);
+    }
+    out.EndArray();
+  }
+
+  // The end time is left out of the digest so that documents with the same
+  // content carry the same name whenever they were written: the digest is
+  // taken over the result object as it would close here.
+  InterimDocument interim;
+  text.Put('}');
+  FileRep::calculateDigest(FileRep::kDigestSha256, text.GetString() + resultObject,
+                           text.GetSize() - resultObject, interim.digest, true);
+  text.Pop(1);
+
+  out.Key("endDateTime");
+  out.String(FormatUtcMilliseconds(static_cast<uint64_t>(NowMilliseconds())));
+  out.EndObject();
+  out.EndObject();
   interim.text.assign(text.GetString(), text.GetSize());
   return interim;
 }
@@ -129,23 +122,26 @@ bool WriteInterimResult(const InterimResultMap& snapshot, const JobRunInfo& jobR
                                 std::to_string(NowSeconds()) + "_" + document.digest + ".json";
   PM_DEBUG("Using file name " << finalPath << " for interim result generation");
 
-  {
-    std::ofstream file(tempPath, std::ios::out | std::ios::trunc | std::ios::binary);
-    if (!file) {
-      const int error = errno;
-      PM_ERROR("Failed to open file " << tempPath << " in write mode. "
-                                      << " error :" << util::strerror(error));
-      return false;
-    }
-    file.write(document.text.data(), static_cast<std::streamsize>(document.text.size()));
+  // A document that cannot be written in full is removed again: the agent
+  // must never pick up half of one.
+  const FileWriteError failure = WriteNewFile(tempPath, document.text);
+  if (failure.step == FileWriteError::kOpen) {
+    PM_ERROR("Failed to open file " << tempPath << " in write mode. "
+                                    << " error :" << failure.Text());
+    return false;
+  }
+  if (failure) {
+    PM_ERROR("Failed to write result in file: " << tempPath << " error :" << failure.Text());
+    return false;
   }
 
   PM_TRACE("Renaming file " << tempPath << "  to " << finalPath);
-  if (std::rename(tempPath.c_str(), finalPath.c_str()) != 0) {
+  FileSystem& fileSystem = FileSystem::Current();
+  if (fileSystem.Rename(tempPath, finalPath) != 0) {
     const int renameError = errno;
     PM_ERROR("Failed to rename file " << tempPath << " error :" << util::strerror(renameError));
     PM_INFO("Removing file: " << tempPath);
-    if (std::remove(tempPath.c_str()) != 0) {
+    if (fileSystem.Remove(tempPath) != 0) {
       const int removeError = errno;
       PM_ERROR("Failed to remove file name: " << tempPath << " error :" << util::strerror(removeError));
     }

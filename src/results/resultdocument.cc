@@ -1,50 +1,55 @@
 #include "results/resultdocument.h"
 
-#include <algorithm>
-
 #include "util/timestamps.h"
+#include "util/utf8.h"
 
 namespace patchmgmt {
 
-void ResultTreeBuilder::JoinedString(std::initializer_list<std::string_view> parts) {
-  size_t length = 0;
-  for (auto part : parts) length += part.size();
-  // The document's pool owns the text, as it would a copied string.
-  char* text = static_cast<char*>(handler_.GetAllocator().Malloc(length + 1));
-  char* end = text;
-  for (auto part : parts) end = std::copy(part.begin(), part.end(), end);
-  *end = '\0';
-  RefString(std::string_view(text, length));
+void ResultWriter::String(std::string_view text) {
+  if (IsValidUtf8(text)) {
+    writer_.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+  } else {
+    const std::string valid = ToValidUtf8(text);
+    writer_.String(valid.data(), static_cast<rapidjson::SizeType>(valid.size()));
+  }
 }
 
-void ResultTreeBuilder::ResultHeader(const JobRunInfo& jobRunInfo, bool withEndTime, const char* resultType) {
+void ResultWriter::JoinedString(std::string_view a, std::string_view b, std::string_view c,
+                                std::string_view d) {
+  // One buffer for every joined value of the document; it only ever grows.
+  joined_.clear();
+  joined_.append(a).append(b).append(c).append(d);
+  String(joined_);
+}
+
+void ResultWriter::ResultHeader(const JobRunInfo& jobRunInfo, bool withEndTime, const char* resultType) {
   Key("jobId");
-  CopyString(jobRunInfo.jobId);
+  String(jobRunInfo.jobId);
   Key("manifestInstanceId");
   Uint64(jobRunInfo.manifestInstanceId);
   Key("runId");
   Uint64(jobRunInfo.runId);
   Key("vendorId");
-  CopyString(jobRunInfo.vendorId);
+  String(jobRunInfo.vendorId);
   Key("agentVersion");
-  CopyString(jobRunInfo.agentVersion);
+  String(jobRunInfo.agentVersion);
   Key("startDateTime");
-  CopyString(FormatUtcMilliseconds(jobRunInfo.startTime));
+  String(FormatUtcMilliseconds(jobRunInfo.startTime));
   if (withEndTime) {
     Key("endDateTime");
-    CopyString(FormatUtcMilliseconds(jobRunInfo.endTime));
+    String(FormatUtcMilliseconds(jobRunInfo.endTime));
   }
   if (!jobRunInfo.jobReceivedDateTime.empty()) {
     Key("jobReceivedDateTime");
-    CopyString(jobRunInfo.jobReceivedDateTime);
+    String(jobRunInfo.jobReceivedDateTime);
   }
   Key("resultType");
-  RefString(resultType);
+  String(resultType);
 }
 
-void ResultTreeBuilder::FailedPatchHead(const std::string& patchId, uint64_t size) {
+void ResultWriter::FailedPatchHead(std::string_view patchId, uint64_t size) {
   Key("id");
-  RefString(patchId);
+  String(patchId);
   Key("reason");
   Int(0);
   Key("osstatus");
@@ -55,7 +60,7 @@ void ResultTreeBuilder::FailedPatchHead(const std::string& patchId, uint64_t siz
   Uint64(size);
 }
 
-void ResultTreeBuilder::EmptyFailedPatch(const std::string& patchId) {
+void ResultWriter::EmptyFailedPatch(std::string_view patchId) {
   StartObject();
   FailedPatchHead(patchId, 0);
   EmptyArray("successPackages");
@@ -66,15 +71,10 @@ void ResultTreeBuilder::EmptyFailedPatch(const std::string& patchId) {
   EndObject();
 }
 
-void ResultTreeBuilder::EmptyArray(const char* key) {
+void ResultWriter::EmptyArray(const char* key) {
   Key(key);
   StartArray();
   EndArray();
-}
-
-void SerializeCompact(const rapidjson::Value& value, rapidjson::StringBuffer& out) {
-  rapidjson::Writer<rapidjson::StringBuffer> writer(out);
-  value.Accept(writer);
 }
 
 }  // namespace patchmgmt

@@ -24,7 +24,7 @@ class PackageLoopTest : public ScriptTest {
 
   Patcher patcher_{settings_};
   std::vector<std::shared_ptr<PatchResult>> results_;
-  volatile bool stop_ = false;
+  std::atomic<bool> stop_{false};
 };
 
 TEST_F(PackageLoopTest, EveryOutcomeIsFiledAndThePatchClassifiedFromItsPackages) {
@@ -66,33 +66,60 @@ TEST_F(PackageLoopTest, EveryOutcomeIsFiledAndThePatchClassifiedFromItsPackages)
 
 TEST_F(PackageLoopTest, UnusableOutputFileFailsThePackageWithItsReason) {
   WriteScript(
+      "echo \"$1\" >> '" + callsPath_ +
+      "'\n"
       "printf 'err:%s' \"$1\" >&2\n"
       "case \"$1\" in\n"
       "  missing) rm -f \"$2\"; exit 9 ;;\n"
       "  invalid) printf '{\"customExitCode\":' > \"$2\" ;;\n"
       "  nocustom) printf '{\"customExitCode\":\"0\",\"exitCode\":5}' > \"$2\"; exit 6 ;;\n"
       "  noexit) printf '{\"customExitCode\":1}' > \"$2\"; exit 8 ;;\n"
+      "  ok) printf '{\"customExitCode\":0,\"exitCode\":0}' > \"$2\" ;;\n"
+      "  segv) kill -SEGV $$ ;;\n"
+      "  silent) exit 1 ;;\n"
+      "  fifo) mkfifo \"$2\" ;;\n"
+      "  deep) { head -c 200000 /dev/zero | tr '\\0' '['; head -c 200000 /dev/zero | tr '\\0' ']'; } > "
+      "\"$2\" ;;\n"
+      "  huge) { head -c 2000000 /dev/zero | tr '\\0' ' '; printf '{\"customExitCode\":0,\"exitCode\":0}'; } "
+      "> \"$2\" ;;\n"
+      "  dir) mkdir \"$2\"; touch \"$2/x\" ;;\n"
       "esac");
-  // "status|exitCode|errorMessage" after each kind of output file.
+  const std::string path = settings_.scriptOutputPath;
+  // "status|exitCode|errorMessage" after each kind of output file, in this order.
   const std::vector<std::pair<std::string, std::string>> cases{
       {"missing", "3|9|stdError: [Failed to locate result file after deployment, err:missing]"},
       {"invalid", "3|0|stdError: [Failed to parse json result output, err:invalid]"},
       {"nocustom", "3|6|stdError: [Failed to parse custom exit code, err:nocustom]"},
       // The status already read stands; the exit code is the process's.
       {"noexit", "1|8|stdError: [Failed to parse exit code, err:noexit]"},
+      // Neither a crash nor a silent failure is credited with the file the
+      // package before wrote.
+      {"segv", "3|139|stdError: [Failed to locate result file after deployment, err:segv]"},
+      {"ok", "0|0|stdError: [, err:ok]"},
+      {"silent", "3|1|stdError: [Failed to locate result file after deployment, err:silent]"},
+      {"fifo", "3|0|stdError: [Failed to open file: " + path + ", err:fifo]"},
+      {"deep", "3|0|stdError: [Failed to parse json result output, err:deep]"},
+      {"huge", "3|0|stdError: [Failed to parse json result output, err:huge]"},
+      {"dir", "3|0|stdError: [Failed to open file: " + path + ", err:dir]"},
+      // What stands there now cannot be removed: the script is not started.
+      {"after-dir",
+       "3|1|stdError: [Failed to remove stale script output file: " + path + ", error: Is a directory, ]"},
   };
   for (const auto& [package, expected] : cases) {
     PatchResult r;
     r.failed = true;
     r.stdOut = "left over";
-    ExecuteDeploymentCommand({settings_.deploymentScriptPath, package, std::time(nullptr) + 600,
-                              settings_.scriptOutputPath, nullptr},
-                             r);
+    ExecuteDeploymentCommand(
+        {settings_.deploymentScriptPath, package, std::time(nullptr) + 600, path, nullptr}, r);
     EXPECT_EQ(std::to_string(r.status) + "|" + std::to_string(r.exitCode) + "|" + r.errorMessage, expected);
     EXPECT_TRUE(r.stdOut.empty() && !r.failed) << package;
   }
+  EXPECT_EQ(Calls().size(), cases.size() - 1) << "the package after the directory never ran";
+  const auto log = Log();
+  EXPECT_TRUE(HasLogLine(log, "Failed to locate result file after deployment: " + path, "Error"));
+  EXPECT_TRUE(HasLogLine(log, "Failed to open file: " + path + ", error: not a regular file", "Error"));
   EXPECT_TRUE(HasLogLine(
-      Log(), "Failed to locate result file after deployment: " + settings_.scriptOutputPath, "Error"));
+      log, "Failed to remove stale script output file: " + path + ", error: Is a directory", "Error"));
 }
 
 }  // namespace

@@ -231,5 +231,48 @@ TEST_F(RunLoopTest, ResultsAreTruncatedFromExactlyOneMebibyte) {
   EXPECT_TRUE(HasLogLine(Log(), "Truncating stdout and stderror both from patch result", "Warning"));
 }
 
+// Texts let go as soon as the limit is sure to empty them must leave exactly
+// what the limit leaves with every text kept to the end, log lines included.
+TEST_F(RunLoopTest, FailedTextsLetGoEarlyLeaveWhatTheLimitLeavesWithEveryTextKept) {
+  using Sizes = std::vector<std::pair<size_t, size_t>>;  // error text, output
+  const struct {
+    Sizes packages;  // named "p0", "p1", ...: two bytes each
+    bool outputGoesEarly;
+    bool errorTextGoesEarly;
+  } cases[] = {
+      {{{100, 100}, {200, 200}}, false, false},
+      {{{1000, 600000}, {1000, 500000}}, true, false},
+      {{{600000, 10}, {448572, 0}}, true, true},  // names and error texts reach exactly 1 MiB
+      {{{600000, 10}, {448571, 0}}, true, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.packages.back().first);
+    PatchResultMap early{{"A", std::make_shared<PatchResult>()}};
+    PatchResultMap kept{{"A", std::make_shared<PatchResult>()}};
+    FailedTextBudget budget;
+    for (size_t i = 0; i < c.packages.size(); ++i) {
+      FailedPackage package{3, "p" + std::to_string(i), std::string(c.packages[i].first, 'e'),
+                            std::string(c.packages[i].second, 'o')};
+      kept["A"]->failedPackages.push_back(package);
+      budget.File(early["A"], std::move(package));
+    }
+    EXPECT_EQ(budget.DropsStdOut(), c.outputGoesEarly);
+    EXPECT_EQ(budget.DropsErrorText(), c.errorTextGoesEarly);
+    for (const FailedPackage& package : early["A"]->failedPackages) {
+      EXPECT_TRUE(package.stdOut.empty() || !c.outputGoesEarly);
+      EXPECT_TRUE(package.errorText.empty() || !c.errorTextGoesEarly);
+    }
+    CaptureLog();
+    LimitResultSize(early);
+    const auto earlyLog = Log();
+    CaptureLog();
+    LimitResultSize(kept);
+    EXPECT_EQ(FailedRecords(*early["A"]), FailedRecords(*kept["A"]));
+    EXPECT_EQ(EstimateResultSize(*early["A"]), EstimateResultSize(*kept["A"]));
+    ASSERT_EQ(earlyLog.size(), Log().size());
+    for (size_t i = 0; i < earlyLog.size(); ++i) EXPECT_EQ(earlyLog[i].text, Log()[i].text);
+  }
+}
+
 }  // namespace
 }  // namespace patchmgmt::deployer

@@ -13,14 +13,15 @@ using pmtest::ToolSandbox;
 TEST(ResultsE2E, UnwritableFinalDocumentOverridesThePatcherWith49) {
   ToolSandbox sandbox;
   sandbox.WriteManifest(pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {"pkg"}, "x86_64", true)));
-  // A directory standing at the document's path: the writer cannot open it.
+  // A directory standing at the document's path: the written document cannot
+  // be put in its place.
   ASSERT_EQ(::mkdir((sandbox.resultDir + "/job1_7_status.json").c_str(), 0700), 0);
   ToolProcess tool(sandbox, {sandbox.WriteArgs()});
   ASSERT_EQ(tool.WaitParent(), 0);
   EXPECT_EQ(tool.WaitChild(), 49);
   EXPECT_EQ(sandbox.ExitCodeText(), "49");
-  EXPECT_TRUE(pmtest::HasLogPrefix(sandbox.Log(),
-                                   "Failed to open file " + sandbox.resultDir + "/job1_7_status.json"));
+  EXPECT_TRUE(pmtest::HasLogPrefix(
+      sandbox.Log(), "Failed to write result in file: " + sandbox.resultDir + "/job1_7_status.json error :"));
 }
 
 // One period of 60 s while the only package takes about 70 s: the interim

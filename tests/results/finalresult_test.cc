@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "samplejob.h"
+#include "support/faultyfs.h"
 #include "support/sandbox.h"
 
 namespace patchmgmt {
@@ -104,18 +105,45 @@ TEST(FinalResultTest, WritesTheWholeDocument) {
             R"("pendingVerification":[]}})");
 }
 
-TEST(FinalResultTest, UnopenableOrUnwritableFileGivesItsCode) {
+// A document that cannot be written in full never replaces the one before.
+TEST(FinalResultTest, FailedWritesGiveTheirCodeAndKeepTheEarlierDocument) {
   pmtest::TempDir dir;
   const std::string path = dir.Join("J1_18446744073709551615_status.json");
-  ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
-  EXPECT_EQ(GenerateFinalResult(dir.path(), SampleJob(), SampleResults()), kResultOpenFailed);
-  EXPECT_TRUE(pmtest::ListDir(path).empty());
+  const PatchResultMap earlier{{"A", std::make_shared<PatchResult>()}};
+  ASSERT_EQ(GenerateFinalResult(dir.path(), SampleJob(), earlier), 0);
+  const std::string before = pmtest::ReadTextFile(path);
 
-  if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no writable /dev/full";
-  // Opening succeeds, every write fails with "No space left on device".
-  ASSERT_EQ(rmdir(path.c_str()), 0);
-  ASSERT_EQ(symlink("/dev/full", path.c_str()), 0);
-  EXPECT_EQ(GenerateFinalResult(dir.path(), SampleJob(), SampleResults()), kResultWriteFailed);
+  ASSERT_EQ(mkdir((path + ".tmp").c_str(), 0700), 0);
+  EXPECT_EQ(GenerateFinalResult(dir.path(), SampleJob(), SampleResults()), kResultOpenFailed);
+  ASSERT_EQ(rmdir((path + ".tmp").c_str()), 0);
+  {
+    // The disk fills in the middle of the document.
+    pmtest::FaultyFileSystem full(pmtest::FaultyFileSystem::kWrite, ENOSPC, 100);
+    EXPECT_EQ(GenerateFinalResult(dir.path(), SampleJob(), SampleResults()), kResultWriteFailed);
+  }
+  {
+    pmtest::FaultyFileSystem failing(pmtest::FaultyFileSystem::kSync, EIO);
+    EXPECT_EQ(GenerateFinalResult(dir.path(), SampleJob(), SampleResults()), kResultWriteFailed);
+  }
+  EXPECT_EQ(pmtest::ReadTextFile(path), before);
+  EXPECT_EQ(pmtest::ListDir(dir.path()), std::vector<std::string>{"J1_18446744073709551615_status.json"});
+}
+
+// Script output and names can carry any bytes; the document stays valid
+// UTF-8 and keeps every valid character.
+TEST(FinalResultTest, InvalidUtf8IsReplacedAndValidTextKept) {
+  pmtest::TempDir dir;
+  auto failed = std::make_shared<PatchResult>();
+  failed->failed = true;
+  failed->failedPackages = {FailedPackage{1, "caf\xE9", "d\xC3\xA9j\xC3\xA0 \xFF", "\xE2\x82z"}};
+  ASSERT_EQ(GenerateFinalResult(dir.path(), SampleJob(), {{"P\xC0", failed}}), 0);
+  const std::string text = pmtest::ReadTextFile(dir.Join("J1_18446744073709551615_status.json"));
+  const std::string r = "\xEF\xBF\xBD";
+  EXPECT_NE(text.find("\"failed\":[{\"id\":\"P" + r + "\""), std::string::npos) << text;
+  EXPECT_NE(text.find("{\"name\":\"caf" + r + "\",\"exitCode\":1,\"errorMessage\":\"stdOut: [" + r +
+                      "z], d\xC3\xA9j\xC3\xA0 " + r + "\"}"),
+            std::string::npos)
+      << text;
 }
 
 }  // namespace

@@ -117,6 +117,28 @@ TEST(CommandRunner, ReturnsWhileABackgroundGrandchildHoldsThePipe) {
   EXPECT_LT(elapsed, std::chrono::seconds(30));
 }
 
+// A script's background children come back to the caller once the script
+// has ended; those that ended too are reaped, those still running (a service
+// the package started) are left alone.
+TEST(CommandRunner, FarFutureLimitLetsTheCommandRunAndEndedOrphansAreReaped) {
+  // A deadline this far out does not fit a steady-clock instant. The first
+  // child ends only after the script, so it cannot be reaped by the script.
+  auto result = RunCommand(
+      Shell("sh -c 'while kill -0 '$$' 2>/dev/null; do sleep 0.01; done' & echo $!; sleep 60 & echo $!"),
+      UINT64_MAX / 2);
+  EXPECT_EQ(result.exitCode, 0) << result.stdErr;
+  EXPECT_EQ(result.timedOut, 0);
+  const auto lines = pmtest::SplitLines(result.stdOut);
+  ASSERT_EQ(lines.size(), 2u) << result.stdOut;
+  const pid_t ended = std::atoi(lines[0].c_str());
+  const pid_t running = std::atoi(lines[1].c_str());
+  ASSERT_TRUE(pmtest::WaitFor([&] { return !IsAlive(ended); }, std::chrono::seconds(10)));
+  EXPECT_EQ(util::ReapExitedOrphans(), 1);
+  EXPECT_NE(kill(ended, 0), 0) << "still a zombie of this process";
+  EXPECT_TRUE(IsAlive(running));
+  KillAndReap(running);
+}
+
 TEST(CommandRunner, TimeLimitKillsTheWholeTreeIncludingEscapedProcesses) {
   pmtest::TempDir dir;
   const std::string pids = dir.Join("pids");
