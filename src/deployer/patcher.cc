@@ -34,13 +34,14 @@ void Release(std::string& text) { std::string().swap(text); }
 void RunCommand(const util::CommandDetails& details, util::CommandResult& result) {
   result.timeLimitSeconds += kScriptGraceSeconds;
   util::SetKillChildHierarchy(true);
+  // A script's background children come back to the tool (a child subreaper)
+  // when the script ends. Those that end too are collected by the runner, so
+  // that they never pile up as zombies over a job of thousands of packages;
+  // those still running are left alone.
+  util::SetReapExitedOrphans(true);
   if (!util::ExecuteCommand(details, result)) {
     result.stdErr += "the deployment script could not be started";
   }
-  // A script's background children that have ended since come back to the
-  // tool (a child subreaper); collected here, they never pile up as zombies
-  // over a job of thousands of packages. Those still running are left alone.
-  util::ReapExitedOrphans();
 }
 
 // The output file of the previous package must not speak for this one: a

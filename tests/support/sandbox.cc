@@ -43,14 +43,10 @@ int ReapWithin(pid_t pid, std::chrono::milliseconds timeout) {
   }
 }
 
-// `pid` and every live process below it.
+// `pid` and every process below it.
 void CollectTree(pid_t pid, std::set<pid_t>& tree) {
   if (!tree.insert(pid).second) return;
-  const std::string proc = "/proc/" + std::to_string(pid) + "/task/";
-  for (const auto& task : ListDir(proc)) {
-    std::istringstream children(ReadTextFile(proc + task + "/children"));
-    for (pid_t child; children >> child;) CollectTree(child, tree);
-  }
+  for (pid_t child : ChildrenOf(pid)) CollectTree(child, tree);
 }
 
 std::chrono::milliseconds Left(Clock::time_point deadline) {
@@ -59,6 +55,29 @@ std::chrono::milliseconds Left(Clock::time_point deadline) {
 }
 
 }  // namespace
+
+std::vector<pid_t> ChildrenOf(pid_t pid) {
+  std::vector<pid_t> children;
+  const std::string proc = "/proc/" + std::to_string(pid) + "/task/";
+  for (const auto& task : ListDir(proc)) {
+    std::istringstream listed(ReadTextFile(proc + task + "/children"));
+    for (pid_t child; listed >> child;) children.push_back(child);
+  }
+  return children;
+}
+
+char ProcessState(pid_t pid) {
+  const std::string stat = ReadTextFile("/proc/" + std::to_string(pid) + "/stat");
+  const auto nameEnd = stat.rfind(')');
+  return nameEnd != std::string::npos && stat.size() > nameEnd + 2 ? stat[nameEnd + 2] : '\0';
+}
+
+std::set<pid_t> ProcessesBelowThisOne() {
+  std::set<pid_t> tree;
+  CollectTree(getpid(), tree);
+  tree.erase(getpid());
+  return tree;
+}
 
 void WriteTextFile(const std::string& path, const std::string& content, mode_t mode) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
@@ -279,9 +298,7 @@ ToolProcess::ToolProcess(const ToolSandbox& sandbox, const std::vector<std::stri
 ToolProcess::~ToolProcess() {
   // As a subreaper this process inherits every orphan of the run, so all that
   // is left of it lives below this process.
-  std::set<pid_t> tree;
-  CollectTree(getpid(), tree);
-  tree.erase(getpid());
+  const std::set<pid_t> tree = ProcessesBelowThisOne();
   for (pid_t pid : tree) kill(pid, SIGKILL);
   for (pid_t pid : tree) ReapWithin(pid, std::chrono::milliseconds(500));
   if (outputFd_ >= 0) close(outputFd_);

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,13 @@ bool PathExists(const std::string& path);
 std::vector<std::string> SplitLines(const std::string& text);
 // Names in a directory, sorted; none when it cannot be read.
 std::vector<std::string> ListDir(const std::string& path);
+// The children of `pid` (of every thread of it).
+std::vector<pid_t> ChildrenOf(pid_t pid);
+// The state letter of /proc/<pid>/stat ('R', 'S', 'Z', ...); '\0' when gone.
+char ProcessState(pid_t pid);
+// Every process below the test process: what a run left behind, since the
+// test process is a child subreaper and inherits the orphans.
+std::set<pid_t> ProcessesBelowThisOne();
 // Polls `condition` every 20 ms until it holds or `timeout` passes.
 bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
 

@@ -37,6 +37,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 std::atomic<bool> gKillChildHierarchy{false};
+std::atomic<bool> gReapExitedOrphans{false};
+// While a command runs, ended orphans are looked for this often.
+constexpr std::chrono::seconds kOrphanReapInterval{1};
 
 // The children that a running command owns. The orphan reaper leaves them to
 // their runs; holding the mutex from spawning to registering closes the gap in
@@ -417,6 +420,7 @@ class CommandRun {
     stderr_.DrainAvailable(buffer_.get());
     if (!killed.empty()) ReapKilledDescendants(std::move(killed));
     Finish(timedOut);
+    if (gReapExitedOrphans.load()) ReapExitedOrphans();
     return true;
   }
 
@@ -464,12 +468,23 @@ class CommandRun {
       deadline =
           started_ + std::chrono::seconds(std::min(result_.timeLimitSeconds, kLongestTimeLimitSeconds));
     }
+    const bool reapOrphans = gReapExitedOrphans.load();
+    Clock::time_point nextOrphanReap = started_ + kOrphanReapInterval;
     while (!reaped_) {
       int timeoutMs = -1;
       if (deadline) {
         auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();
         if (left <= 0) return false;
         timeoutMs = static_cast<int>(std::min<long long>(left, INT_MAX));
+      }
+      if (reapOrphans) {
+        if (Clock::now() >= nextOrphanReap) {
+          ReapExitedOrphans();
+          nextOrphanReap = Clock::now() + kOrphanReapInterval;
+        }
+        const int untilReap = static_cast<int>(
+            std::chrono::ceil<std::chrono::milliseconds>(nextOrphanReap - Clock::now()).count());
+        timeoutMs = timeoutMs < 0 ? untilReap : std::min(timeoutMs, untilReap);
       }
       if (!pidFd_.valid()) timeoutMs = timeoutMs < 0 ? kReapPollMs : std::min(timeoutMs, kReapPollMs);
 
@@ -581,6 +596,8 @@ bool ExecuteCommand(const CommandDetails& details, CommandResult& result) {
 }
 
 void SetKillChildHierarchy(bool enable) { gKillChildHierarchy.store(enable); }
+
+void SetReapExitedOrphans(bool enable) { gReapExitedOrphans.store(enable); }
 
 int ReapExitedOrphans() {
   std::lock_guard<std::mutex> owned(gOwnedChildrenMutex);

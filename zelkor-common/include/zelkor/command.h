@@ -63,4 +63,10 @@ void SetKillChildHierarchy(bool enable);
 // whose status it means to collect later.
 int ReapExitedOrphans();
 
+// While enabled, every command's run reaps ended orphans itself
+// (ReapExitedOrphans): once it has ended, and about once a second while it
+// runs, so that no zombie lingers for the length of a long command.
+// REQUIRES: as for ReapExitedOrphans.
+void SetReapExitedOrphans(bool enable);
+
 }  // namespace util
