@@ -4,7 +4,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test test-long demo bench clean
+.PHONY: all deps configure build test test-long fuzz demo bench clean
 
 all: build
 
@@ -30,6 +30,11 @@ test: build
 
 test-long: build
 	@$(CTEST) -j $$(( $(JOBS) * 2 )) --timeout 900 -L '$(LONG_LABELS)'
+
+# Each fuzz target for FUZZ_SECONDS over its corpus, built with clang.
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	@scripts/run-fuzzers $(FUZZ_SECONDS)
 
 demo: build
 	@scripts/demo $(BUILD)

@@ -239,10 +239,16 @@ void ExecuteDeploymentCommand(const DeploymentCommandRequest& request, PatchResu
   }
   result.status = (scriptStatus >= kInstallSuccess && scriptStatus <= kPackageManagerLocked) ? scriptStatus
                                                                                              : kInstallFailed;
-  result.errorMessage = "stdError: [" + message + ", " + command.stdErr + "]";
-  if (IsFailure(result.status)) {
-    PM_ERROR("command: " << commandLine << ", stdoutput: " << command.stdOut
-                         << ", stderror: " << command.stdErr);
+  // A script's streams can hold 5 MiB each: the texts that carry them are
+  // built with one allocation of the final size, never through temporaries.
+  result.errorMessage.reserve(message.size() + command.stdErr.size() + 16);
+  result.errorMessage.append("stdError: [").append(message).append(", ").append(command.stdErr).append("]");
+  if (IsFailure(result.status) && IsLogged(Poco::Message::PRIO_ERROR)) {
+    std::string line;
+    line.reserve(commandLine.size() + command.stdOut.size() + command.stdErr.size() + 64 + kLogPrefixRoom);
+    line.append("command: ").append(commandLine).append(", stdoutput: ").append(command.stdOut);
+    line.append(", stderror: ").append(command.stdErr);
+    LogText(Poco::Message::PRIO_ERROR, std::move(line));
   }
   PM_INFO("Command: " << commandLine << " exit code: " << result.exitCode
                       << ", custom exit code: " << result.status);

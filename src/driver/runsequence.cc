@@ -3,6 +3,7 @@
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <limits.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -45,6 +46,9 @@ constexpr int kUnexpectedException = 47;
 constexpr int kLoggingUnavailable = 53;
 constexpr int kJobNotFound = 62;
 
+// Buffers from this size on are mapped on their own (KeepLargeBuffersOffTheHeap).
+constexpr int kLargeBufferBytes = 128 * 1024;
+
 // The agent's log directory. The log configuration decides where the file
 // really goes; this is what its ${logdir} stands for.
 const std::string kLogDirectory = "/var/log/zelkor/";
@@ -76,6 +80,14 @@ struct RunContext {
 };
 
 // ---- Process set-up (before the logger exists, failures go to stderr) ----
+
+// A script's output arrives in buffers of megabytes, one package after the
+// other. glibc raises its mmap threshold to the size of the largest block
+// freed so far, after which such buffers come from the heap, fragment it and
+// are never handed back: a job of many failing packages would keep growing.
+// A fixed threshold keeps every large buffer mapped on its own and returned
+// to the system when it is freed.
+void KeepLargeBuffersOffTheHeap() { mallopt(M_MMAP_THRESHOLD, kLargeBufferBytes); }
 
 void ClearStopFlags() {
   ToolStopper::Set(ToolStopper::stopSignal_, false);
@@ -338,6 +350,7 @@ int FinishRun(int code, bool detached) {
 
 int RunTool(int argc, char** argv) {
   RecordInheritedDescriptors();
+  KeepLargeBuffersOffTheHeap();
   bool detached = false;
   try {
     ClearStopFlags();

@@ -21,7 +21,13 @@ inline bool IsLogged(int priority) { return ToolLogger().getLevel() >= priority;
 // system that is full or gone (Poco's FileChannel then throws on every write)
 // costs the line, never the run. Callers include catch handlers, destructors,
 // the interim thread and the save of the exit code.
-void LogText(int priority, const std::string& text) noexcept;
+// Takes the text by value, so that a caller can hand over a large one (a
+// script's output) without a copy.
+void LogText(int priority, std::string text) noexcept;
+
+// Room to reserve at the end of a text for the "[" + thread id + "]:" that
+// LogText puts before it, so that a large text is not moved to make room.
+constexpr size_t kLogPrefixRoom = 48;
 
 }  // namespace patchmgmt
 

@@ -52,6 +52,8 @@ std::set<pid_t> gOwnedChildren;
 // would overflow it into the past and kill the command at once.
 constexpr uint64_t kLongestTimeLimitSeconds = 100ULL * 365 * 24 * 3600;
 
+// What the note on a cut stream takes.
+constexpr size_t kCutNoteRoom = 64;
 // One pipe's worth: a full pipe is emptied by a single read.
 constexpr size_t kReadChunk = 64 * 1024;
 // How often the child is looked at when the kernel offers no pidfd.
@@ -270,7 +272,14 @@ class CappedStream {
   void Append(const char* data, size_t length) {
     size_t room = capBytes_ - std::min(capBytes_, text_.size());
     if (length > room) truncated_ = true;
-    text_.append(data, std::min(length, room));
+    const size_t taken = std::min(length, room);
+    // Doubling would give a 5 MiB text the room of 8; near the cap, the text
+    // grows to the cap and the note that may follow it, no further.
+    if (capBytes_ != SIZE_MAX && text_.size() + taken > text_.capacity() &&
+        text_.capacity() >= capBytes_ / 2) {
+      text_.reserve(capBytes_ + kCutNoteRoom);
+    }
+    text_.append(data, taken);
   }
 
   std::string& text_;
