@@ -14,6 +14,7 @@
 #include <iostream>
 #include <vector>
 
+#include "deployer/systemdscope.h"
 #include "util/filewriter.h"
 #include "util/log.h"
 #include "zelkor/strerror.h"
@@ -149,6 +150,7 @@ void DetachPatchProcess(const std::string& resultDirectory, const std::string& j
   const pid_t session = setsid();
   const int sessionError = errno;
   JoinOwnControlGroup(self);
+  MoveToOwnSystemdScope(self, jobId, runId);
   if (session < 0) {
     PM_ERROR("setsid failed. errno: " << sessionError);
     ExitCodeFile::exitCode_ = kNoDetach;

@@ -18,6 +18,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -47,6 +48,26 @@ int ReapWithin(pid_t pid, std::chrono::milliseconds timeout) {
 void CollectTree(pid_t pid, std::set<pid_t>& tree) {
   if (!tree.insert(pid).second) return;
   for (pid_t child : ChildrenOf(pid)) CollectTree(child, tree);
+}
+
+// The test's environment with `sandbox.environment` on top. A run reaches a
+// system bus only when its test names one.
+std::vector<std::string> ToolEnvironment(const ToolSandbox& sandbox) {
+  std::map<std::string, std::string> byName;
+  const auto add = [&](const std::string& entry) { byName[entry.substr(0, entry.find('='))] = entry; };
+  for (char** entry = environ; *entry != nullptr; ++entry) add(*entry);
+  add("DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + sandbox.root.Join("no-system-bus"));
+  for (const auto& entry : sandbox.environment) add(entry);
+  std::vector<std::string> entries;
+  for (const auto& [name, entry] : byName) entries.push_back(entry);
+  return entries;
+}
+
+std::vector<char*> Pointers(std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  for (auto& text : texts) pointers.push_back(text.data());
+  pointers.push_back(nullptr);
+  return pointers;
 }
 
 std::chrono::milliseconds Left(Clock::time_point deadline) {
@@ -263,6 +284,9 @@ ToolProcess::ToolProcess(const ToolSandbox& sandbox, const std::vector<std::stri
   if (!subreaper || (geteuid() == 0 && !isolate)) {
     throw std::runtime_error("no subreaper, or root without a private mount namespace for the cgroup");
   }
+  if (sandbox.systemdHost && !isolate) {
+    throw std::runtime_error("a systemd host needs a private mount namespace");
+  }
   // The test process's own environment is the tool's: each test runs in a
   // process of its own.
   setenv("ZELKOR_AGENT_CONFIG_DIR", sandbox.configDir.c_str(), 1);
@@ -270,10 +294,22 @@ ToolProcess::ToolProcess(const ToolSandbox& sandbox, const std::vector<std::stri
   // Everything the child needs is built before fork: after it, only system calls.
   std::vector<std::string> argvText = {PM_TOOL_PATH};
   argvText.insert(argvText.end(), toolArgs.begin(), toolArgs.end());
-  std::vector<char*> argv;
-  for (auto& arg : argvText) argv.push_back(arg.data());
-  argv.push_back(nullptr);
+  const std::vector<char*> argv = Pointers(argvText);
+  std::vector<std::string> envText = ToolEnvironment(sandbox);
+  const std::vector<char*> envp = Pointers(envText);
   const std::string cgroupDir = sandbox.cgroupDir;
+  // The sandbox's stand-in for the host's /run/systemd (or, on a host that
+  // has none, for /run), with system/ in it only for a systemd host. A host's
+  // own /run/systemd/system thus never shows.
+  std::string runSource;
+  std::string runTarget;
+  if (isolate && (sandbox.systemdHost || PathExists("/run/systemd/system"))) {
+    const std::string run = sandbox.root.Join("run");
+    Poco::File(run + (sandbox.systemdHost ? "/systemd/system" : "/systemd")).createDirectories();
+    const bool hostHasRunSystemd = PathExists("/run/systemd");
+    runSource = hostHasRunSystemd ? run + "/systemd" : run;
+    runTarget = hostHasRunSystemd ? "/run/systemd" : "/run";
+  }
   int out[2];
   if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
 
@@ -284,10 +320,12 @@ ToolProcess::ToolProcess(const ToolSandbox& sandbox, const std::vector<std::stri
     dup2(out[1], 2);
     if (isolate &&
         (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-         mount(cgroupDir.c_str(), "/sys/fs/cgroup/systemd", nullptr, MS_BIND, nullptr) != 0)) {
+         mount(cgroupDir.c_str(), "/sys/fs/cgroup/systemd", nullptr, MS_BIND, nullptr) != 0 ||
+         (!runTarget.empty() &&
+          mount(runSource.c_str(), runTarget.c_str(), nullptr, MS_BIND, nullptr) != 0))) {
       _exit(120);
     }
-    execv(argv[0], argv.data());
+    execve(argv[0], argv.data(), envp.data());
     _exit(127);
   }
   close(out[1]);

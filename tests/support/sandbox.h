@@ -99,6 +99,13 @@ class ToolSandbox {
   std::string interimDir = root.Join("interim");
   std::string scriptPath = root.Join("deploy.sh");
   std::string cgroupDir = root.Join("cgroup");  // stands in for /sys/fs/cgroup/systemd
+  // Whether the run sees a host that systemd runs (/run/systemd/system
+  // exists; needs root). Otherwise a /run/systemd/system of the host is out of
+  // the run's sight, so that no run reaches a real systemd.
+  bool systemdHost = false;
+  // "NAME=value" entries the tool gets on top of the test's own environment.
+  // Unless set here, DBUS_SYSTEM_BUS_ADDRESS names a socket that is not there.
+  std::vector<std::string> environment;
   pb::CommandlineArguments args;
 
   pb::PatchArguments& patchArgs() { return *args.mutable_patchargs(); }
@@ -123,7 +130,8 @@ std::string PatchJson(const std::string& id, const std::vector<std::string>& pac
 // The built tool, started as the agent starts it: stdout and stderr on one
 // pipe, ZELKOR_AGENT_CONFIG_DIR pointing at the sandbox and, when the test
 // runs as root, inside a private mount namespace whose /sys/fs/cgroup/systemd
-// is the sandbox's cgroupDir. The test process is a child subreaper, so the
+// is the sandbox's cgroupDir and whose /run/systemd shows the host that
+// `systemdHost` asks for. The test process is a child subreaper, so the
 // detached child becomes its child and its exit status can be read.
 class ToolProcess {
  public:
