@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "deployer/patchresult.h"
+#include "results/patchresult.h"
 #include "results/finalresult.h"
 #include "results/interimgenerator.h"
 #include "results/interimresults.h"

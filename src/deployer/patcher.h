@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "args/commandlineargs.h"
-#include "deployer/patchresult.h"
 #include "manifest/deploymentmanifest.h"
+#include "results/patchresult.h"
 
 namespace patchmgmt::deployer {
 
@@ -113,28 +113,7 @@ void ParseScriptResult(const std::string& text, const std::string& path, int32_t
 
 constexpr size_t kLongestScriptOutput = 1 << 20;
 
-// Fills every patch's host package list for `architecture` (or "noarch") and
-// creates the result entries.
-void SelectPatchPackages(std::vector<DeploymentPatch>& patches, const std::string& architecture,
-                         PatchResultMap& results);
-void CollectPackagesForArchitecture(const std::string& architecture,
-                                    const std::vector<PackagesByArch>& packagesByArch,
-                                    std::vector<std::string>& packages);
-
-// Deploys the job's patches in manifest order. 0, or 55 when an installed
-// patch requires a reboot. Ends the process with 57 when a stop is requested.
-int32_t RunPatchDeployment(const std::shared_ptr<IPatcher>& patcher, PatchResultMap& results,
-                           const std::shared_ptr<protobuf::CommandlineArgsInProtoBuf>& arguments,
-                           DeploymentJob& job);
-
 // The result documents must stay small enough for the agent to upload.
 constexpr uint64_t kResultSizeLimit = 1048576;
-
-// Keeps the results under 1 MiB by emptying package output, then error texts.
-void LimitResultSize(PatchResultMap& results);
-// The estimated size of one result as counted by LimitResultSize.
-uint64_t EstimateResultSize(const PatchResult& result);
-
-constexpr int32_t kRebootRequiredExitCode = 55;
 
 }  // namespace patchmgmt::deployer

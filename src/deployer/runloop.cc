@@ -1,11 +1,9 @@
+#include "deployer/runloop.h"
+
 #include <syslog.h>
-#include <unistd.h>
 
 #include <chrono>
 
-#include "deployer/patcher.h"
-#include "driver/toolstopper.h"
-#include "results/interimresults.h"
 #include "util/log.h"
 #include "util/timestamps.h"
 #include "zelkor/cpulimit.h"
@@ -17,8 +15,9 @@ namespace {
 // What a result that did not fail costs in the document besides its names.
 constexpr uint64_t kSucceededResultOverhead = 40;
 
-void Post(const std::string& patchId, uint32_t code, int64_t value = 0, const std::string& message = {}) {
-  InterimResults::instance_.Update(patchId, InterimResult(code, value, std::string(), message));
+void Post(InterimResults& table, const std::string& patchId, uint32_t code, int64_t value = 0,
+          const std::string& message = {}) {
+  table.Update(patchId, InterimResult(code, value, std::string(), message));
 }
 
 // Notices for the person at the console go to the system log.
@@ -28,43 +27,35 @@ void NotifyUser(const std::string& message, const std::string& description) {
   syslog(LOG_CRIT, "%s", notice.c_str());
 }
 
-// A stop is honoured only between patches, never in the middle of one, so
-// that no package manager transaction is cut short by the tool itself. The
-// process ends as the SIGTERM handler ends it: the interim generator may be
-// running, and exit handlers or static destructors must not pull its state
-// away under it. Every log line is already on disk.
-void EndIfStopRequested() {
-  if (!ToolStopper::isPatchingOn_ || ToolStopper::sigUsr1Recv_) _exit(kStoppedExitCode);
-}
-
 // Posts the patch's outcome. Returns true when the rest of the job must be
 // abandoned: the package manager is locked and the job ignores time-outs, so
 // waiting for the lock could go on for ever.
-bool ClassifyOutcome(const DeploymentPatch& patch, PatchResult* result, bool ignoreTimeout,
-                     bool& rebootRequired) {
+bool ClassifyOutcome(InterimResults& table, const DeploymentPatch& patch, PatchResult* result,
+                     bool ignoreTimeout, bool& rebootRequired) {
   if (result == nullptr) return false;
   if (result->failed) {
-    Post(patch.patchId, kInterimFailed, result->exitCode, result->errorMessage);
+    Post(table, patch.patchId, kInterimFailed, result->exitCode, result->errorMessage);
     result->failed = true;
     return ignoreTimeout && result->status == kPackageManagerLocked;
   }
   if (result->notApplicable) {
-    Post(patch.patchId, kInterimNotApplicable);
+    Post(table, patch.patchId, kInterimNotApplicable);
   } else if (result->alreadyInstalled) {
-    Post(patch.patchId, kInterimAlreadyInstalled);
+    Post(table, patch.patchId, kInterimAlreadyInstalled);
   } else if (patch.rebootRequire) {
     rebootRequired = true;
-    Post(patch.patchId, kInterimPendingReboot);
+    Post(table, patch.patchId, kInterimPendingReboot);
     PM_TRACE("Reboot is require for patch id " << patch.patchId);
   } else {
-    Post(patch.patchId, kInterimSuccess);
+    Post(table, patch.patchId, kInterimSuccess);
   }
   return false;
 }
 
 // Fails every patch after `from` as the locked package manager would have.
 void AbandonRemainingPatches(std::vector<DeploymentPatch>& patches, size_t from, PatchResultMap& results,
-                             bool continueAfterPackageFailedForPatch) {
+                             bool continueAfterPackageFailedForPatch, InterimResults& table,
+                             const StopControl& stop) {
   for (size_t i = from; i < patches.size(); ++i) {
     CPULimit::getInstance().calculateAndSleep();
     const DeploymentPatch& patch = patches[i];
@@ -81,8 +72,8 @@ void AbandonRemainingPatches(std::vector<DeploymentPatch>& patches, size_t from,
         result->pendingExecutionPackages.insert(patch.hostPackages[p]);
       }
     }
-    Post(patch.patchId, kInterimFailed, result->exitCode, result->errorMessage);
-    EndIfStopRequested();
+    Post(table, patch.patchId, kInterimFailed, result->exitCode, result->errorMessage);
+    stop.atPatchBoundary();
   }
 }
 
@@ -122,7 +113,7 @@ void CollectPackagesForArchitecture(const std::string& architecture,
 }
 
 void SelectPatchPackages(std::vector<DeploymentPatch>& patches, const std::string& architecture,
-                         PatchResultMap& results) {
+                         PatchResultMap& results, InterimResults& interimResults) {
   for (DeploymentPatch& patch : patches) {
     CollectPackagesForArchitecture(architecture, patch.downloadInfo.packagesByArch, patch.hostPackages);
     if (patch.hostPackages.empty()) continue;
@@ -130,7 +121,7 @@ void SelectPatchPackages(std::vector<DeploymentPatch>& patches, const std::strin
     if (result) {
       // The same patch id again: both occurrences are deployed, against the
       // one result, with the package list that was already selected.
-      Post(patch.patchId, kInterimPendingExecution);
+      Post(interimResults, patch.patchId, kInterimPendingExecution);
       patch.downloadInfo.packagesByArch.clear();
     } else {
       result = std::make_shared<PatchResult>();
@@ -171,14 +162,14 @@ void LimitResultSize(PatchResultMap& results) {
 
 int32_t RunPatchDeployment(const std::shared_ptr<IPatcher>& patcher, PatchResultMap& results,
                            const std::shared_ptr<protobuf::CommandlineArgsInProtoBuf>& arguments,
-                           DeploymentJob& job) {
+                           DeploymentJob& job, InterimResults& interimResults, const StopControl& stop) {
   const std::string& architecture = arguments->GetPatchArguments().agentdetails().architecture();
   const bool ignoreTimeout = job.ignoreTimeout;
   const bool continueAfterPackageFailedForPatch = job.continueAfterPackageFailedForPatch;
   const bool sendJobTelemetryData = job.sendJobTelemetryData;
   const int64_t windowEnd = WindowEnd(job);
 
-  SelectPatchPackages(job.patches, architecture, results);
+  SelectPatchPackages(job.patches, architecture, results, interimResults);
   NotifyUser(job.preDeployment.message, job.preDeployment.description);
   PM_INFO("Started patching");
   NotifyUser(job.duringDeployment.message, job.duringDeployment.description);
@@ -190,25 +181,28 @@ int32_t RunPatchDeployment(const std::shared_ptr<IPatcher>& patcher, PatchResult
     DeploymentPatch& patch = job.patches[i];
     if (patch.hostPackages.empty()) {
       PM_DEBUG("Cannot execute patch: " << patch.patchId << " packages list is empty");
-      EndIfStopRequested();
+      stop.atPatchBoundary();
       continue;
     }
     std::shared_ptr<PatchResult> result = results[patch.patchId];
     PatchResultMap patchResults{{patch.patchId, result}};
-    Post(patch.patchId, kInterimExecuting);
+    Post(interimResults, patch.patchId, kInterimExecuting);
     PM_INFO("Starting execution of patch id " << patch.patchId);
     const auto started = std::chrono::steady_clock::now();
     patcher->DeployPatch(patch, continueAfterPackageFailedForPatch, ignoreTimeout, windowEnd, patchResults,
-                         &ToolStopper::sigUsr1Recv_);
+                         stop.stopPatching);
     const auto finished = std::chrono::steady_clock::now();
     if (sendJobTelemetryData && result) {
       result->executed = true;
       result->executionTime = std::chrono::duration_cast<std::chrono::seconds>(finished - started).count();
     }
-    const bool abandon = ClassifyOutcome(patch, result.get(), ignoreTimeout, rebootRequired);
-    EndIfStopRequested();
+    const bool abandon = ClassifyOutcome(interimResults, patch, result.get(), ignoreTimeout, rebootRequired);
+    // A stop is honoured only here, between patches, never in the middle of
+    // one: no package manager transaction is cut short by the tool itself.
+    stop.atPatchBoundary();
     if (abandon) {
-      AbandonRemainingPatches(job.patches, i + 1, results, continueAfterPackageFailedForPatch);
+      AbandonRemainingPatches(job.patches, i + 1, results, continueAfterPackageFailedForPatch, interimResults,
+                              stop);
       break;
     }
   }

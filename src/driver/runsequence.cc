@@ -21,11 +21,13 @@
 #include "args/commandlineargs.h"
 #include "deployer/detach.h"
 #include "deployer/patcher.h"
+#include "deployer/runloop.h"
 #include "driver/toolstopper.h"
 #include "healthstatus/patchstatushelper.h"
 #include "manifest/deploymentmanifest.h"
 #include "results/finalresult.h"
 #include "results/interimgenerator.h"
+#include "results/interimresults.h"
 #include "results/jobruninfo.h"
 #include "util/log.h"
 #include "zelkor/agent.h"
@@ -248,7 +250,11 @@ void Detach(const RunContext& context) {
   char runId[32];
   std::snprintf(runId, sizeof runId, "%ld", static_cast<long>(context.runID));
   DetachPatchProcess(context.resultDirectory, context.jobID, runId);
-  // The status database is opened by the process that writes to it.
+}
+
+// The status database is opened by the process that writes to it: the
+// detached child.
+void OpenStatusDatabase(const RunContext& context) {
   PatchStatusHelper::SetStatusPaths(context.ahsMessageDir, context.statusDBPath);
 }
 
@@ -303,13 +309,21 @@ int DeployJob(const RunContext& context, DeploymentJob& job, uint64_t manifestIn
     // to 0 and write documents as fast as the disk takes them.
     const uint32_t period = static_cast<uint32_t>(
         std::min<uint64_t>(context.interimResultGenerateTimeInSeconds, std::numeric_limits<uint32_t>::max()));
-    interimGenerator =
-        std::make_shared<InterimResultGeneratorThread>(jobRunInfo, context.interimResultDir, period, true);
+    // Each period: health-status records that could not be written before
+    // are retried first, then the interim document is written.
+    InterimResultGeneratorThread::PeriodSteps steps{
+        [] { PatchStatusHelper::FlushQueuedStatuses(); },
+        [&jobRunInfo, &context] {
+          GenerateInterimResult(InterimResults::instance_, jobRunInfo, context.interimResultDir);
+        }};
+    interimGenerator = std::make_shared<InterimResultGeneratorThread>(period, true, std::move(steps));
     interimGenerator->Start();
   }
 
   deployer::PatchResultMap results;
-  int code = deployer::RunPatchDeployment(patcher, results, context.arguments, job);
+  const deployer::StopControl stop{&ToolStopper::sigUsr1Recv_, EndIfStopRequested};
+  int code =
+      deployer::RunPatchDeployment(patcher, results, context.arguments, job, InterimResults::instance_, stop);
   stopwatch.Stop();
   // Only the end time changes: the generator may be reading the rest.
   jobRunInfo.endTime = stopwatch.EndMilliseconds();
@@ -325,6 +339,7 @@ int DeployJob(const RunContext& context, DeploymentJob& job, uint64_t manifestIn
 int RunPatchJob(RunContext& context, bool& detached) {
   Detach(context);
   detached = true;
+  OpenStatusDatabase(context);
   DeploymentJob job;
   uint64_t manifestInstanceId = 0;
   if (int status = LoadJob(context, job, manifestInstanceId); status != kSucceeded) return status;

@@ -36,6 +36,13 @@ void handleSigTerm(int) {
   if (!ToolStopper::isPatchingOn_ || ToolStopper::sigUsr1Recv_) EndStopped();
 }
 
+// Between patches the process ends as the SIGTERM handler ends it: the
+// interim generator may be running, and exit handlers or static destructors
+// must not pull its state away under it. Every log line is already written.
+void EndIfStopRequested() {
+  if (!ToolStopper::isPatchingOn_ || ToolStopper::sigUsr1Recv_) EndStopped();
+}
+
 void InstallSignalHandlers() {
   Install(SIGTERM, handleSigTerm);
   Install(SIGPIPE, SIG_IGN);

@@ -28,6 +28,10 @@ constexpr int kStoppedExitCode = 57;
 void handleSigUsr1(int);
 void handleSigTerm(int);
 
+// Ends the process with 57 when patching is not armed or a SIGUSR1 came;
+// returns otherwise. The run loop's check between patches.
+void EndIfStopRequested();
+
 // SIGTERM to handleSigTerm, SIGUSR1 to handleSigUsr1, SIGPIPE ignored.
 void InstallSignalHandlers();
 

@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "deployer/patchresult.h"
 #include "results/jobruninfo.h"
+#include "results/patchresult.h"
 #include "util/json.h"
 
 namespace patchmgmt {

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <vector>
 
-#include "healthstatus/patchstatushelper.h"
 #include "results/resultdocument.h"
 #include "util/filewriter.h"
 #include "util/json.h"
@@ -150,13 +149,17 @@ bool WriteInterimResult(const InterimResultMap& snapshot, const JobRunInfo& jobR
   return true;
 }
 
-InterimResultGeneratorThread::InterimResultGeneratorThread(const JobRunInfo& jobRunInfo,
-                                                           std::string interimDirectory,
-                                                           uint32_t periodSeconds, bool generateOnStart)
-    : jobRunInfo_(jobRunInfo),
-      interimDirectory_(std::move(interimDirectory)),
-      periodSeconds_(periodSeconds),
-      generateOnStart_(generateOnStart) {
+void GenerateInterimResult(const InterimResults& table, const JobRunInfo& jobRunInfo,
+                           const std::string& interimDirectory) {
+  const InterimResultMap snapshot = table.Snapshot();
+  PM_INFO("Generating interim result");
+  if (!WriteInterimResult(snapshot, jobRunInfo, interimDirectory))
+    PM_ERROR("Failed to generate interim Result");
+}
+
+InterimResultGeneratorThread::InterimResultGeneratorThread(uint32_t periodSeconds, bool generateOnStart,
+                                                           PeriodSteps steps)
+    : periodSeconds_(periodSeconds), generateOnStart_(generateOnStart), steps_(std::move(steps)) {
   // The agent hands this flag over; no behaviour of the generator depends on it.
   static_cast<void>(generateOnStart_);
 }
@@ -181,13 +184,9 @@ void InterimResultGeneratorThread::Run() {
     while (!stop_ && std::chrono::system_clock::now() < deadline) {
       condition_.wait_until(lock, deadline);
     }
-    if (!stop_) PatchStatusHelper::FlushQueuedStatuses();
-    if (!stop_) {
-      const InterimResultMap snapshot = InterimResults::instance_.Snapshot();
-      PM_INFO("Generating interim result");
-      if (!WriteInterimResult(snapshot, jobRunInfo_, interimDirectory_)) {
-        PM_ERROR("Failed to generate interim Result");
-      }
+    for (const auto& step : steps_) {
+      if (stop_) break;
+      step();
     }
   }
   {

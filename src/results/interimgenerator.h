@@ -3,9 +3,11 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "results/interimresults.h"
 #include "results/jobruninfo.h"
@@ -24,12 +26,24 @@ InterimDocument BuildInterimDocument(const InterimResultMap& snapshot, const Job
 bool WriteInterimResult(const InterimResultMap& snapshot, const JobRunInfo& jobRunInfo,
                         const std::string& interimDirectory);
 
-// Writes an interim document once per period while a job runs. The job summary
-// is held by reference: the run keeps filling it.
+// One period's document: a snapshot of `table` written into
+// `interimDirectory`, with "Failed to generate interim Result" when the file
+// cannot be written. The job summary is read as it stands: the run keeps
+// filling it.
+void GenerateInterimResult(const InterimResults& table, const JobRunInfo& jobRunInfo,
+                           const std::string& interimDirectory);
+
+// Runs the interim work once per period while a job runs, on a thread of its
+// own. The first period ends one whole period after the start.
 class InterimResultGeneratorThread {
  public:
-  InterimResultGeneratorThread(const JobRunInfo& jobRunInfo, std::string interimDirectory,
-                               uint32_t periodSeconds, bool generateOnStart);
+  // One period's work, step by step (the tool's: flush the health-status
+  // queue, then write the interim document). A step runs only while no stop
+  // has been requested: a stop that comes between two steps ends the period
+  // there.
+  using PeriodSteps = std::vector<std::function<void()>>;
+
+  InterimResultGeneratorThread(uint32_t periodSeconds, bool generateOnStart, PeriodSteps steps);
   // Stops the worker and joins it.
   ~InterimResultGeneratorThread();
 
@@ -45,10 +59,9 @@ class InterimResultGeneratorThread {
   std::thread worker_;
   std::condition_variable condition_;
   std::mutex mutex_;
-  const JobRunInfo& jobRunInfo_;
-  std::string interimDirectory_;
   uint64_t periodSeconds_;
   bool generateOnStart_;
+  PeriodSteps steps_;
 };
 
 }  // namespace patchmgmt

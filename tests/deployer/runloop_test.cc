@@ -1,11 +1,14 @@
 // The job's run loop: package selection, outcomes posted per patch, the
 // locked-package-manager abandon pass, the deployment window and the result
 // size limit. Real /bin/sh deployment scripts, real log files.
+#include "deployer/runloop.h"
+
+#include <atomic>
 #include <cstdio>
 #include <ctime>
 #include <memory>
+#include <thread>
 
-#include "driver/toolstopper.h"
 #include "results/interimresults.h"
 #include "scripttest.h"
 #include "util/timestamps.h"
@@ -37,10 +40,6 @@ class RunLoopTest : public ScriptTest {
  protected:
   void SetUp() override {
     ScriptTest::SetUp();
-    InterimResults::instance_.Clear();
-    // The run loop ends the process between patches unless patching is armed.
-    ToolStopper::Set(ToolStopper::isPatchingOn_, true);
-    ToolStopper::Set(ToolStopper::sigUsr1Recv_, false);
     args_->MutableArguments().mutable_patchargs()->mutable_agentdetails()->set_architecture("x86_64");
     job_.jobId = "job1";
     job_.dateTime = ManifestTimeAt(std::time(nullptr));
@@ -49,15 +48,15 @@ class RunLoopTest : public ScriptTest {
 
   int32_t Run(std::vector<DeploymentPatch> patches) {
     results_.clear();
-    InterimResults::instance_.Clear();
+    interim_.Clear();
     std::remove(callsPath_.c_str());
     job_.patches = std::move(patches);
-    return RunPatchDeployment(patcher_, results_, args_, job_);
+    return RunPatchDeployment(patcher_, results_, args_, job_, interim_, stop_);
   }
 
   // The patch's interim state as "code/value/message", "" when there is none.
-  static std::string Interim(const std::string& id) {
-    const auto snapshot = InterimResults::instance_.Snapshot();
+  std::string Interim(const std::string& id) const {
+    const auto snapshot = interim_.Snapshot();
     const auto found = snapshot.find(id);
     if (found == snapshot.end()) return "";
     return std::to_string(found->second->code) + "/" + std::to_string(found->second->value) + "/" +
@@ -82,6 +81,10 @@ class RunLoopTest : public ScriptTest {
       std::make_shared<protobuf::CommandlineArgsInProtoBuf>();
   DeploymentJob job_;
   PatchResultMap results_;
+  InterimResults interim_;
+  std::atomic<bool> stopPatching_{false};
+  std::atomic<int> patchBoundaries_{0};
+  StopControl stop_{&stopPatching_, [this] { ++patchBoundaries_; }};
 };
 
 TEST_F(RunLoopTest, HostAndNoarchPackagesAreSelectedAndARepeatedPatchSharesItsResult) {
@@ -152,6 +155,27 @@ TEST_F(RunLoopTest, LockedPackageManagerAbandonsTheJobOnlyWhenTimeoutIsIgnored) 
   EXPECT_EQ(Interim("L1"), "8981/14/stdError: [, err:b-4]");
   EXPECT_FALSE(Result("L2").failed);
   EXPECT_EQ(Interim("L3"), "8980/0/");
+}
+
+// While a package runs, its patch reads "executing". A stop requested then
+// lets that package end and starts no other; the stop points come only
+// between patches.
+TEST_F(RunLoopTest, HeldPackageShowsExecutingAndAStopStartsNoFurtherPackage) {
+  const std::string release = dir_.Join("release");
+  WriteScript("echo \"$1\" >> '" + callsPath_ + "'\nwhile [ ! -e '" + release +
+              "' ]; do sleep 0.02; done\necho '{\"customExitCode\":0,\"exitCode\":0}' > \"$2\"");
+  std::thread run([this] { Run({HostPatch("P1", {"a-0", "b-0"}), HostPatch("P2", {"c-0"})}); });
+  ASSERT_TRUE(pmtest::WaitFor([&] { return Packages() == Lines{"a-0"}; }, std::chrono::seconds(10)));
+  EXPECT_EQ(Interim("P1"), "8977/0/");
+  EXPECT_EQ(Interim("P2"), "");
+  EXPECT_EQ(patchBoundaries_, 0);
+  stopPatching_ = true;
+  pmtest::WriteTextFile(release, "");
+  run.join();
+  EXPECT_EQ(Packages(), Lines{"a-0"});
+  EXPECT_EQ(Result("P1").pendingExecutionPackages, Names{"b-0"});
+  EXPECT_EQ(Result("P2").pendingExecutionPackages, Names{"c-0"});
+  EXPECT_EQ(patchBoundaries_, 2);
 }
 
 TEST_F(RunLoopTest, ScriptGetsPackageOutputFileAndTheManifestWindowEnd) {

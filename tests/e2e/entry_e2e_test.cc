@@ -165,10 +165,22 @@ TEST(EntryE2E, InterimIntervalOfSixtyIsTheShortestAccepted) {
   sixty.patchArgs().set_runid(0);
   sixty.patchArgs().mutable_interimresultoption()->set_interimresultdir(sixty.root.Join("later"));
   sixty.patchArgs().mutable_interimresultoption()->set_isinterimresultenable(true);
-  Outcome outcome = RunWithArgs(sixty);
-  EXPECT_EQ(outcome.status, 0);
-  EXPECT_FALSE(pmtest::HasLogLine(outcome.log, kIntervalRefused));
-  EXPECT_FALSE(pmtest::HasLogLine(outcome.log, kValidationFailed));
+  std::string manifest = pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {"a"}));
+  sixty.WriteManifest(manifest.replace(manifest.find("\"runid\":7"), 9, "\"runid\":0"));
+  ToolProcess tool(sixty, {sixty.WriteArgs()});
+  EXPECT_EQ(tool.WaitParent(), 0);
+  EXPECT_EQ(tool.WaitChild(), 0);
+  const auto log = sixty.Log();
+  EXPECT_FALSE(pmtest::HasLogLine(log, kIntervalRefused));
+  EXPECT_FALSE(pmtest::HasLogLine(log, kValidationFailed));
+  // The generator runs beside the patcher and is stopped once it is done,
+  // well before its first period.
+  for (const char* line :
+       {"Interim Result Generator Thread Started", "Shutting down InterimResultGeneratorThread",
+        "Interim Result Generator Thread exiting"}) {
+    EXPECT_TRUE(pmtest::HasLogLine(log, line, "Information")) << line;
+  }
+  EXPECT_FALSE(pmtest::HasLogLine(log, "Generating interim result"));
 }
 
 TEST(EntryE2E, LoggingThatCannotStartEndsWith53OnStderr) {

@@ -137,9 +137,18 @@ class InterimGeneratorTest : public pmtest::LogCaptureTest {
   void SetUp() override {
     LogCaptureTest::SetUp();
     ASSERT_EQ(mkdir(interimDir_.c_str(), 0700), 0);
-    InterimResults::instance_.Clear();
   }
-  void TearDown() override { InterimResults::instance_.Clear(); }
+
+  // The tool's two steps: a stand-in for the health-status flush, which
+  // counts, then the document.
+  InterimResultGeneratorThread::PeriodSteps Steps() {
+    return {[this] { ++flushes_; },
+            [this] {
+              documentsAfterFlush_ += flushes_ > documents_ ? 1 : 0;
+              ++documents_;
+              GenerateInterimResult(table_, job_, interimDir_);
+            }};
+  }
 
   bool SomeFileHolds(const std::string& fragment) {
     for (const auto& file : InterimFiles(interimDir_, true)) {
@@ -151,11 +160,15 @@ class InterimGeneratorTest : public pmtest::LogCaptureTest {
 
   const std::string interimDir_ = dir_.Join("interim");
   const JobRunInfo job_ = SampleJob();
+  InterimResults table_;
+  std::atomic<int> flushes_{0};
+  std::atomic<int> documents_{0};
+  std::atomic<int> documentsAfterFlush_{0};
 };
 
 TEST_F(InterimGeneratorTest, WritesEachPeriodFromTheLatestStatesUntilShutdown) {
-  InterimResults::instance_.Update("P1", InterimResult(kInterimExecuting));
-  InterimResultGeneratorThread generator(job_, interimDir_, 1, true);
+  table_.Update("P1", InterimResult(kInterimExecuting));
+  InterimResultGeneratorThread generator(1, true, Steps());
   const int64_t started = std::time(nullptr);
   generator.Start();
 
@@ -163,7 +176,7 @@ TEST_F(InterimGeneratorTest, WritesEachPeriodFromTheLatestStatesUntilShutdown) {
   // A whole period passes before the first document.
   EXPECT_GE(InterimFiles(interimDir_, true).at(0).seconds, started + 1);
 
-  InterimResults::instance_.Update("P1", InterimResult(kInterimSuccess));
+  table_.Update("P1", InterimResult(kInterimSuccess));
   EXPECT_TRUE(pmtest::WaitFor(
       [&] { return SomeFileHolds(R"("executing":[],)") && SomeFileHolds(R"("success":["P1"])"); }, 10s));
 
@@ -171,11 +184,13 @@ TEST_F(InterimGeneratorTest, WritesEachPeriodFromTheLatestStatesUntilShutdown) {
   const auto written = pmtest::ListDir(interimDir_);
   std::this_thread::sleep_for(1500ms);
   EXPECT_EQ(pmtest::ListDir(interimDir_), written);
+  EXPECT_EQ(documentsAfterFlush_, documents_.load()) << "every document comes after that period's flush";
+  EXPECT_TRUE(pmtest::HasLogLine(Log(), "Generating interim result", "Information"));
 }
 
 TEST_F(InterimGeneratorTest, StopDuringTheWaitEndsItWithoutADocument) {
-  InterimResults::instance_.Update("P1", InterimResult(kInterimExecuting));
-  auto generator = std::make_unique<InterimResultGeneratorThread>(job_, interimDir_, 60, true);
+  table_.Update("P1", InterimResult(kInterimExecuting));
+  auto generator = std::make_unique<InterimResultGeneratorThread>(60, true, Steps());
   generator->Start();
   ASSERT_TRUE(pmtest::WaitFor(
       [&] { return pmtest::HasLogLine(Log(), "Interim Result Generator Thread Started"); }, 10s));
@@ -185,9 +200,10 @@ TEST_F(InterimGeneratorTest, StopDuringTheWaitEndsItWithoutADocument) {
   // Far below the 60 s period: the wait ended on the request, not on its deadline.
   EXPECT_LT(std::chrono::steady_clock::now() - stopRequested, 30s);
   EXPECT_TRUE(pmtest::ListDir(interimDir_).empty());
+  EXPECT_EQ(flushes_ + documents_, 0);
 
   // One that never ran goes away as well.
-  InterimResultGeneratorThread neverStarted(job_, interimDir_, 60, true);
+  InterimResultGeneratorThread neverStarted(60, true, Steps());
 }
 
 }  // namespace

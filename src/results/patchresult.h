@@ -7,6 +7,10 @@
 #include <string>
 #include <vector>
 
+// The per-patch results that the deployer fills and the result documents
+// report. They belong to the deployer's namespace, whose run produces them,
+// and sit in this lower layer so that the documents can read them without
+// reaching up into the deployer.
 namespace patchmgmt::deployer {
 
 // What the deployment script reports for one package ("customExitCode").
