@@ -6,8 +6,9 @@
 
 namespace patchmgmt {
 
-// Queues the tool's manifest health statuses under one context, with the
-// manifest's identity as extra fields. One per process.
+// Outside the patch run: no step of the run creates this helper or queues
+// through it. It queues the tool's manifest health statuses under one
+// context, with the manifest's identity as extra fields. One per process.
 class HealthStatusToolHelper {
  public:
   // The first call points PatchStatusHelper at `statusDirPath` and

@@ -57,7 +57,10 @@ class PatchStatusHelper {
   // Stamps (when dateTime is 0) and writes one row. 0 on success.
   static int32_t StoreHealthStatus(PatchMgmtHealthStatus& record);
 
-  // Record builders that write directly and return the database result.
+  // ---- Outside the patch run (statusbuilders.cc) ----
+  // Record builders for the agent's other callers, which write directly and
+  // return the database result, queueing nothing. No step of the run calls
+  // them.
   static int32_t ReportStatus(const std::string& contextId, uint32_t statusCode, uint32_t state);
   static int32_t ReportManifestStatus(const std::string& contextId, uint32_t statusCode, uint32_t state,
                                       const std::string& manifestId, const std::string& manifestInstanceId,

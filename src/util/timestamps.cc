@@ -4,7 +4,6 @@
 #include <Poco/DateTimeFormatter.h>
 #include <Poco/DateTimeParser.h>
 #include <Poco/Exception.h>
-#include <Poco/Timezone.h>
 #include <time.h>
 
 #include <cstdio>
@@ -17,7 +16,6 @@ namespace patchmgmt {
 namespace {
 
 constexpr const char* kResultTimeFormat = "%Y-%m-%dT%H:%M:%S.%iZ";
-constexpr const char* kLocalTimeFormat = "%Y-%m-%d %H:%M:%S";
 
 // The only shape a result time may have: "YYYY-MM-DDTHH:MM:SS.mmmZ". The date
 // library's parser skips what it does not recognise, so without this check a
@@ -94,41 +92,5 @@ std::string FormatStatusTime(int64_t seconds) {
   if (gmtime_r(&value, &broken) == nullptr) return "";
   return FormatWithStrftime(broken, "%FT%TZ");
 }
-
-time_t ParseLocalTime(const std::string& text) {
-  std::tm broken{};
-  const char* end = strptime(text.c_str(), kLocalTimeFormat, &broken);
-  if (end == nullptr || *end != '\0') return -1;
-  broken.tm_isdst = -1;
-  return mktime(&broken);
-}
-
-std::string FormatLocalTime(time_t seconds) {
-  std::tm broken{};
-  if (localtime_r(&seconds, &broken) == nullptr) return "";
-  return FormatWithStrftime(broken, kLocalTimeFormat);
-}
-
-std::string FormatLocalTimeOrEpoch(time_t seconds) {
-  std::tm broken{};
-  if (localtime_r(&seconds, &broken) == nullptr) {
-    PM_ERROR("[Patch]:Failed to convert time to localtime.");
-    return "1970-01-01 00:00:00";
-  }
-  return FormatWithStrftime(broken, kLocalTimeFormat);
-}
-
-std::string GetTimezoneText() {
-  const long offset = Poco::Timezone::tzd();
-  const long magnitude = std::labs(offset);
-  char buffer[32];
-  std::snprintf(buffer, sizeof buffer, "%s%c%02ld:%02ld", "UTC", offset < 0 ? '-' : '+', magnitude / 3600,
-                (magnitude % 3600) / 60);
-  return buffer;
-}
-
-Poco::Timestamp CurrentUtcTimestamp() { return Poco::Timestamp(); }
-
-int64_t MillisecondsToSeconds(uint64_t ms) { return static_cast<int64_t>(static_cast<double>(ms) * 0.001); }
 
 }  // namespace patchmgmt

@@ -26,15 +26,4 @@ int64_t ParseUtcSeconds(const std::string& text);
 // Status-row time "%FT%TZ" in UTC, e.g. 2024-01-31T17:05:09Z.
 std::string FormatStatusTime(int64_t seconds);
 
-// Conversions kept for callers outside the patch run.
-// Local time "%Y-%m-%d %H:%M:%S"; -1 when the text does not parse.
-time_t ParseLocalTime(const std::string& text);
-std::string FormatLocalTime(time_t seconds);
-// Like FormatLocalTime, but "1970-01-01 00:00:00" when the conversion fails.
-std::string FormatLocalTimeOrEpoch(time_t seconds);
-// "UTC+hh:mm" / "UTC-hh:mm" of the host's zone.
-std::string GetTimezoneText();
-Poco::Timestamp CurrentUtcTimestamp();
-int64_t MillisecondsToSeconds(uint64_t ms);
-
 }  // namespace patchmgmt

@@ -41,14 +41,6 @@ TEST_F(FilesTest, CreatesMissingLevelsOwnerOnlyAndLeavesExistingPathsAlone) {
       Log(), "[Patch]:Exception occurred in create directory for path: " + file + "/below error: "));
 }
 
-TEST_F(FilesTest, OsFilterIsCaseInsensitiveAndUnanchored) {
-  EXPECT_TRUE(patchmgmt::CheckOSFilter("Debian GNU/Linux 12", "debian"));
-  EXPECT_TRUE(patchmgmt::CheckOSFilter("Ubuntu 22.04 LTS", "22\\.04"));
-  EXPECT_FALSE(patchmgmt::CheckOSFilter("Debian GNU/Linux 12", "^linux"));
-  EXPECT_FALSE(patchmgmt::CheckOSFilter("Debian GNU/Linux 12", "(debian"));
-  EXPECT_TRUE(pmtest::HasLogPrefix(Log(), "[Patch]: CheckOSFilter caught exception: "));
-}
-
 TEST_F(FilesTest, ReadsWholeFilesAndFailsOnMissingOnes) {
   const std::string empty = dir_.Join("empty");
   pmtest::WriteTextFile(empty, "");
@@ -63,16 +55,6 @@ TEST_F(FilesTest, ReadsWholeFilesAndFailsOnMissingOnes) {
   EXPECT_TRUE(pmtest::HasLogLine(
       Log(), "[Patch]:Failed to open file: " + missing + ", error: No such file or directory", "Error"));
   EXPECT_ANY_THROW(patchmgmt::ReadFile(dir_.path()));
-}
-
-TEST_F(FilesTest, FindsProcessesByCommandLineAndLogsAStopThatFindsNone) {
-  const std::string self = pmtest::ReadTextFile("/proc/self/cmdline").c_str();
-  const std::vector<int> found = patchmgmt::FindProcessIds(self);
-  EXPECT_NE(std::find(found.begin(), found.end(), getpid()), found.end()) << self;
-
-  const std::string nobody = "no-such-command-" + std::to_string(getpid());
-  patchmgmt::SendStopSignal(nobody);
-  EXPECT_TRUE(pmtest::HasLogPrefix(Log(), "[Patch]:command failed. Cmd: [pkill -SIGUSR1 -f " + nobody));
 }
 
 }  // namespace

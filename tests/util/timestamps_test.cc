@@ -3,6 +3,7 @@
 #include <Poco/Exception.h>
 
 #include "support/sandbox.h"
+#include "util/localtime.h"
 
 namespace {
 
