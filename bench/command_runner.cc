@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "benchreport.h"
 #include "zelkor/command.h"
 
 extern char** environ;
@@ -96,59 +97,22 @@ void BM_AlternatingPair(benchmark::State& state) {
 }
 BENCHMARK(BM_AlternatingPair)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
-// The console table as usual; keeps, over the repetitions of each
-// benchmark, what the summary line needs.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const auto& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      const std::string& name = run.run_name.function_name;
-      figures_[name].push_back(run.GetAdjustedRealTime());
-      for (const char* counter : {"spawn_us", "runner_us", "ratio"}) {
-        auto found = run.counters.find(counter);
-        if (found != run.counters.end()) figures_[name + "." + counter].push_back(found->second.value);
-      }
-    }
-  }
-
-  void PrintSummary() const {
-    const double spawn = MedianOf("BM_PosixSpawnTrue");
-    const double runner = MedianOf("BM_ExecuteCommandTrue");
-    if (spawn > 0 && runner > 0) {
-      std::printf("timed separately:   posix_spawn+waitpid %.1f us, ExecuteCommand %.1f us, ratio %.3f\n",
-                  spawn, runner, runner / spawn);
-    }
-    const double pairSpawn = MedianOf("BM_AlternatingPair.spawn_us");
-    const double pairRunner = MedianOf("BM_AlternatingPair.runner_us");
-    // Each repetition's own ratio: its two sides saw the same load.
-    const double ratio = MedianOf("BM_AlternatingPair.ratio");
-    if (ratio > 0) {
-      std::printf(
-          "timed alternating:  posix_spawn+waitpid %.1f us, ExecuteCommand %.1f us, ratio %.3f (goal <= "
-          "%.1f: %s)\n",
-          pairSpawn, pairRunner, ratio, kGoalRatio, ratio <= kGoalRatio ? "met" : "MISSED");
-    }
-  }
-
- private:
-  double MedianOf(const std::string& name) const {
-    auto found = figures_.find(name);
-    return found == figures_.end() ? 0 : Median(found->second);
-  }
-
-  std::map<std::string, std::vector<double>> figures_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
+  pmbench::Reporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.PrintSummary();
   benchmark::Shutdown();
+  const double spawn = reporter.Median("BM_PosixSpawnTrue");
+  const double runner = reporter.Median("BM_ExecuteCommandTrue");
+  std::printf("timed separately: posix_spawn+waitpid %.1f us, ExecuteCommand %.1f us\n", spawn, runner);
+  std::printf("timed alternating: posix_spawn+waitpid %.1f us, ExecuteCommand %.1f us\n",
+              reporter.Median("BM_AlternatingPair.spawn_us"),
+              reporter.Median("BM_AlternatingPair.runner_us"));
+  // Each alternating repetition's own ratio: its two sides saw the same load.
+  pmbench::Goal("command runner round trip of /bin/true against posix_spawn+waitpid, ratio",
+                reporter.Median("BM_AlternatingPair.ratio"), kGoalRatio, 2);
   return 0;
 }

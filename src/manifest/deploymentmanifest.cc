@@ -1,7 +1,7 @@
 #include "manifest/deploymentmanifest.h"
 
 #include <cstddef>
-#include <cstring>
+#include <type_traits>
 #include <exception>
 #include <new>
 #include <utility>
@@ -15,62 +15,38 @@ namespace {
 
 using JsonValue = rapidjson::Value;
 
-// The value of the first member named `key`, or null. A manifest is looked up
-// some twenty times per patch; taking the name as a literal makes its length a
-// constant, so the comparison is a length check and an inlined memcmp. The
-// object check of the JSON library stays in force: calling this on anything
-// but an object ends the process.
+// The value of the member named `key`, or null. The name's length is known
+// at compile time, so no look-up measures the key. The object check of the
+// JSON library stays in force: calling this on anything but an object ends
+// the process.
 template <size_t N>
 const JsonValue* FindField(const JsonValue& object, const char (&key)[N]) {
-  for (auto member = object.MemberBegin(); member != object.MemberEnd(); ++member) {
-    if (member->name.GetStringLength() == N - 1 && std::memcmp(member->name.GetString(), key, N - 1) == 0) {
-      return &member->value;
-    }
+  const JsonValue name(rapidjson::GenericStringRef<char>(key, N - 1));
+  const auto member = object.FindMember(name);
+  return member != object.MemberEnd() ? &member->value : nullptr;
+}
+
+// The one typed look-up (T is std::string, int32_t, uint64_t or bool). When
+// `key` is absent or holds a value of another JSON type, a required look-up
+// yields kManifestInvalid and an optional one kManifestOk, and `destination`
+// keeps what it had (the model's default). The caller reports the failure,
+// so that each one is logged once, in the words of the level that knows what
+// was being read.
+//
+// The types are strict: an int32_t is a JSON number that fits 32 bits (1.0
+// and 1e3 are not), a uint64_t a non-negative integer, a bool only true or
+// false (the string "true" is not one).
+template <typename T, size_t N>
+int32_t GetField(const JsonValue& object, const char (&key)[N], T& destination, bool required) {
+  const JsonValue* value = FindField(object, key);
+  if (value == nullptr || !value->Is<T>()) return required ? kManifestInvalid : kManifestOk;
+  if constexpr (std::is_same_v<T, std::string>) {
+    // Names and ids end up as script arguments and file names, which cannot
+    // carry a NUL; a "\u0000" escape therefore ends the value.
+    destination.assign(value->GetString());
+  } else {
+    destination = value->Get<T>();
   }
-  return nullptr;
-}
-
-// The typed lookups below share one contract: when `key` is absent or holds a
-// value of another JSON type, a required lookup yields kManifestInvalid and an
-// optional one kManifestOk, and `destination` keeps what it had (the model's
-// default). The caller reports the failure, so that each one is logged once,
-// in the words of the level that knows what was being read.
-
-template <size_t N>
-int32_t GetStringField(const JsonValue& object, const char (&key)[N], std::string& destination,
-                       bool required) {
-  const JsonValue* value = FindField(object, key);
-  if (value == nullptr || !value->IsString()) return required ? kManifestInvalid : kManifestOk;
-  // Names and ids end up as script arguments and file names, which cannot
-  // carry a NUL; a "\u0000" escape therefore ends the value.
-  destination.assign(value->GetString());
-  return kManifestOk;
-}
-
-// A JSON number that fits a signed 32-bit integer; 1.0 or 1e3 do not count.
-template <size_t N>
-int32_t GetInt32Field(const JsonValue& object, const char (&key)[N], int32_t& destination, bool required) {
-  const JsonValue* value = FindField(object, key);
-  if (value == nullptr || !value->IsInt()) return required ? kManifestInvalid : kManifestOk;
-  destination = value->GetInt();
-  return kManifestOk;
-}
-
-// A non-negative JSON integer that fits 64 bits.
-template <size_t N>
-int32_t GetUint64Field(const JsonValue& object, const char (&key)[N], uint64_t& destination, bool required) {
-  const JsonValue* value = FindField(object, key);
-  if (value == nullptr || !value->IsUint64()) return required ? kManifestInvalid : kManifestOk;
-  destination = value->GetUint64();
-  return kManifestOk;
-}
-
-// JSON true or false; the string "true" is not a bool.
-template <size_t N>
-int32_t GetBoolField(const JsonValue& object, const char (&key)[N], bool& destination, bool required) {
-  const JsonValue* value = FindField(object, key);
-  if (value == nullptr || !value->IsBool()) return required ? kManifestInvalid : kManifestOk;
-  destination = value->GetBool();
   return kManifestOk;
 }
 
@@ -88,8 +64,8 @@ const JsonValue* FindArrayField(const JsonValue& object, const char (&key)[N]) {
 }
 
 void ParseDeferment(const JsonValue& object, Deferment& deferment) {
-  GetInt32Field(object, "count", deferment.count, false);
-  GetInt32Field(object, "minutesinterval", deferment.minutesInterval, false);
+  GetField(object, "count", deferment.count, false);
+  GetField(object, "minutesinterval", deferment.minutesInterval, false);
 }
 
 // "predeployment" and "rebootoption": every key is optional, so a prompt never
@@ -98,28 +74,28 @@ void ParseDeferrablePrompt(const JsonValue& object, DeferrablePrompt& prompt) {
   if (const JsonValue* deferment = FindObjectField(object, "deferment")) {
     ParseDeferment(*deferment, prompt.deferment);
   }
-  GetStringField(object, "message", prompt.message, false);
-  GetStringField(object, "description", prompt.description, false);
+  GetField(object, "message", prompt.message, false);
+  GetField(object, "description", prompt.description, false);
 }
 
 // "duringdeployment" and "oncomplete".
 void ParseDeploymentMessage(const JsonValue& object, DeploymentMessage& message) {
-  GetStringField(object, "message", message.message, false);
-  GetStringField(object, "description", message.description, false);
+  GetField(object, "message", message.message, false);
+  GetField(object, "description", message.description, false);
 }
 
 int32_t ParseRebootCountdown(const JsonValue& object, RebootCountdown& countdown) {
-  if (GetInt32Field(object, "minutesinterval", countdown.minutesInterval, true) != kManifestOk) {
+  if (GetField(object, "minutesinterval", countdown.minutesInterval, true) != kManifestOk) {
     PM_ERROR("[Patch]:Failed to find: minutesinterval in rebootcountdown in manifest");
     return kManifestInvalid;
   }
-  GetStringField(object, "message", countdown.message, false);
-  GetStringField(object, "description", countdown.description, false);
+  GetField(object, "message", countdown.message, false);
+  GetField(object, "description", countdown.description, false);
   return kManifestOk;
 }
 
 int32_t ParsePostDeployment(const JsonValue& object, PostDeployment& postDeployment) {
-  if (GetBoolField(object, "suppressreboots", postDeployment.suppressReboots, true) != kManifestOk) {
+  if (GetField(object, "suppressreboots", postDeployment.suppressReboots, true) != kManifestOk) {
     PM_ERROR("[Patch]:Failed to find bool field suppressreboots in postdeployment in manifest");
     return kManifestInvalid;
   }
@@ -152,7 +128,7 @@ int32_t ParsePackagesByArch(const JsonValue& array, std::vector<PackagesByArch>&
     // An entry that is not an object has no architecture: a broken manifest
     // must end in a reported failure, not in a process that leaves no result.
     if (!element.IsObject() ||
-        GetStringField(element, "architecture", entry.architecture, true) != kManifestOk) {
+        GetField(element, "architecture", entry.architecture, true) != kManifestOk) {
       PM_ERROR("[Patch]:Failed to find string field architecture in packagesbyarch in manifest");
       return kManifestInvalid;
     }
@@ -175,8 +151,8 @@ void ParseHashes(const JsonValue& value, std::vector<PackageHash>& hashes) {
   for (const JsonValue& element : value.GetArray()) {
     if (!element.IsObject()) continue;
     PackageHash& hash = hashes.emplace_back();
-    GetStringField(element, "type", hash.type, false);
-    GetStringField(element, "value", hash.value, false);
+    GetField(element, "type", hash.type, false);
+    GetField(element, "value", hash.value, false);
   }
 }
 
@@ -185,10 +161,10 @@ int32_t ParseDownloadInfo(const JsonValue& object, DownloadInfo& downloadInfo) {
     PM_ERROR("[Patch]:Failed to find packagesbyarch in downloadinfo of manifest");
     return kManifestInvalid;
   }
-  GetInt32Field(object, "langid", downloadInfo.langId, false);
-  GetStringField(object, "downloadurl", downloadInfo.downloadUrl, false);
+  GetField(object, "langid", downloadInfo.langId, false);
+  GetField(object, "downloadurl", downloadInfo.downloadUrl, false);
   if (const JsonValue* hashes = FindField(object, "hashesh")) ParseHashes(*hashes, downloadInfo.hashes);
-  GetStringField(object, "platform", downloadInfo.platform, false);
+  GetField(object, "platform", downloadInfo.platform, false);
   const JsonValue* packagesByArch = FindArrayField(object, "packagesbyarch");
   if (packagesByArch == nullptr) {
     PM_ERROR("[Patch]:Failed to find packagesbyarch in downloadinfo of manifest");
@@ -215,17 +191,17 @@ int32_t ParsePatches(const JsonValue& job, const char (&key)[N], std::vector<Dep
       return kManifestInvalid;
     }
     DeploymentPatch& patch = patches.emplace_back();
-    if (GetStringField(element, "zpatchid", patch.patchId, true) != kManifestOk) {
+    if (GetField(element, "zpatchid", patch.patchId, true) != kManifestOk) {
       PM_ERROR("[Patch]:Failed to find string field zpatchid in patches in manifest");
       return kManifestInvalid;
     }
-    GetStringField(element, "vendorpatchid", patch.vendorPatchId, false);
+    GetField(element, "vendorpatchid", patch.vendorPatchId, false);
     const JsonValue* downloadInfo = FindArrayField(element, "downloadinfo");
     if (downloadInfo == nullptr) {
       PM_ERROR("[Patch]:Failed to find array field downloadinfo in patches in manifest");
       return kManifestInvalid;
     }
-    if (GetBoolField(element, "rebootrequire", patch.rebootRequire, true) != kManifestOk) {
+    if (GetField(element, "rebootrequire", patch.rebootRequire, true) != kManifestOk) {
       PM_ERROR("[Patch]:Failed to find bool field rebootrequire in patches in manifest");
       return kManifestInvalid;
     }
@@ -242,15 +218,15 @@ int32_t ParsePatches(const JsonValue& job, const char (&key)[N], std::vector<Dep
 // only not stored.
 int32_t ParseJob(const JsonValue& object, DeploymentJob& job, bool& isInstall) {
   isInstall = false;
-  if (GetStringField(object, "id", job.jobId, true) != kManifestOk) {
+  if (GetField(object, "id", job.jobId, true) != kManifestOk) {
     PM_ERROR("[Patch]:Failed to find string field id in jobs in manifest");
     return kManifestInvalid;
   }
-  if (GetInt32Field(object, "runid", job.runId, true) != kManifestOk) {
+  if (GetField(object, "runid", job.runId, true) != kManifestOk) {
     PM_ERROR("[Patch]:Failed to find integer field runid in jobs in manifest");
     return kManifestInvalid;
   }
-  if (GetStringField(object, "type", job.type, true) != kManifestOk) {
+  if (GetField(object, "type", job.type, true) != kManifestOk) {
     PM_ERROR("[Patch]:Failed to find string field type in jobs in manifest");
     return kManifestInvalid;
   }
@@ -260,27 +236,27 @@ int32_t ParseJob(const JsonValue& object, DeploymentJob& job, bool& isInstall) {
     return kManifestOk;
   }
   isInstall = true;
-  if (GetBoolField(object, "isimmediate", job.isImmediate, true) != kManifestOk) {
+  if (GetField(object, "isimmediate", job.isImmediate, true) != kManifestOk) {
     PM_ERROR("[Patch]:Failed to find bool field isimmediate in jobs in manifest");
     return kManifestInvalid;
   }
-  if (GetStringField(object, "datetime", job.dateTime, true) != kManifestOk) {
+  if (GetField(object, "datetime", job.dateTime, true) != kManifestOk) {
     PM_ERROR("[Patch]:Failed to find string field datetime in jobs in manifest");
     return kManifestInvalid;
   }
-  GetBoolField(object, "ignoretimeout", job.ignoreTimeout, false);
+  GetField(object, "ignoretimeout", job.ignoreTimeout, false);
   // A job that ignores its time limit has none: "timeout" is not even looked at.
-  if (!job.ignoreTimeout && GetInt32Field(object, "timeout", job.timeout, true) != kManifestOk) {
+  if (!job.ignoreTimeout && GetField(object, "timeout", job.timeout, true) != kManifestOk) {
     PM_ERROR("[Patch]:Failed to find integer field timeout in jobs in manifest");
     return kManifestInvalid;
   }
-  GetBoolField(object, "uploadprogressreports", job.uploadProgressReports, false);
-  if (GetBoolField(object, "continueafterpackagefailedforpatch", job.continueAfterPackageFailedForPatch,
+  GetField(object, "uploadprogressreports", job.uploadProgressReports, false);
+  if (GetField(object, "continueafterpackagefailedforpatch", job.continueAfterPackageFailedForPatch,
                    true) != kManifestOk) {
     PM_ERROR("[Patch]:Failed to find bool field continueafterpackagefailedforpatch in jobs in manifest");
     return kManifestInvalid;
   }
-  GetBoolField(object, "sendJobTelemetryData", job.sendJobTelemetryData, false);
+  GetField(object, "sendJobTelemetryData", job.sendJobTelemetryData, false);
   if (FindField(object, "patches") == nullptr) {
     PM_ERROR("[Patch]:Failed to find object patches in jobs in manifest");
     return kManifestInvalid;
@@ -321,13 +297,13 @@ int32_t ParseJobs(const JsonValue& array, std::vector<DeploymentJob>& jobs) {
 }
 
 int32_t ParseManifestObject(const JsonValue& root, DeploymentJobManifest& manifest) {
-  if (GetInt32Field(root, "schemaversion", manifest.schemaVersion, true) != kManifestOk) {
+  if (GetField(root, "schemaversion", manifest.schemaVersion, true) != kManifestOk) {
     PM_ERROR("[Patch]:Failed to find integer field schemaversion in deployement manifest");
     return kManifestInvalid;
   }
   // Reported with the schema version's text: that is the message the field's
   // logs have always carried for either header key, and it is kept as it is.
-  if (GetUint64Field(root, "manifestinstanceid", manifest.manifestInstanceId, true) != kManifestOk) {
+  if (GetField(root, "manifestinstanceid", manifest.manifestInstanceId, true) != kManifestOk) {
     PM_ERROR("[Patch]:Failed to find integer field schemaversion in deployement manifest");
     return kManifestInvalid;
   }
@@ -369,16 +345,14 @@ int32_t DeploymentJobManifest::ParseManifest(const std::string& path) {
 
 int32_t DeploymentJobManifest::ParseManifestText(std::string content) {
   rapidjson::Document document;
-  // The parser reads the text up to its terminating NUL, so a NUL byte inside
-  // the file would end the document early; where the parser stopped tells
-  // whether the whole file was read, and a file that was not is the syntax
-  // error it looks like.
-  rapidjson::StringStream stream(content.c_str());
-  document.ParseStream(stream);
+  // Parsed in place: the document's strings point into `content` instead of
+  // being copies, so the text must outlive the model's filling. The parser
+  // reads up to the terminating NUL, so a NUL byte inside the file would end
+  // the document early; where the parser stopped tells whether the whole file
+  // was read, and a file that was not is the syntax error it looks like.
+  rapidjson::InsituStringStream stream(content.data());
+  document.ParseStream<rapidjson::kParseInsituFlag | rapidjson::kParseDefaultFlags>(stream);
   const bool readWhole = stream.Tell() == content.size();
-  // The DOM holds its own copy of every string: releasing the text now keeps
-  // a large manifest from being held three times while the model is built.
-  std::string().swap(content);
   if (!readWhole || document.HasParseError() || !document.IsObject()) {
     PM_ERROR("[Patch]:Not valid json document for Deployemnt manifest json.");
     return kManifestInvalid;

@@ -41,7 +41,7 @@ std::shared_ptr<PatchResult> Result(FuzzedDataProvider& input) {
 // One JSON object, nothing after it, every string valid UTF-8.
 void CheckDocument(const char* text, size_t size) {
   rapidjson::Document document;
-  document.Parse<rapidjson::kParseValidateEncodingFlag>(text, size);
+  document.Parse<rapidjson::kParseValidateEncodingFlag | rapidjson::kParseDefaultFlags>(text, size);
   if (document.HasParseError() || !document.IsObject() || !patchmgmt::IsValidUtf8({text, size})) std::abort();
 }
 

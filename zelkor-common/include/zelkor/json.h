@@ -11,7 +11,9 @@
 //   after NDEBUG removed the library's own assert().
 // - Parsing never recurses: the default parser takes one stack frame per
 //   nesting level, so a document of a hundred thousand brackets would end the
-//   process. The iterative parser accepts exactly the same grammar.
+//   process. The iterative parser accepts exactly the same grammar. A parse
+//   that names flags of its own must add kParseDefaultFlags to them, or it
+//   is recursive again.
 
 #ifdef RAPIDJSON_RAPIDJSON_H_
 #error "zelkor/json.h must come before any RapidJSON header"
