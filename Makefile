@@ -4,7 +4,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build test test-long fuzz demo bench clean
+.PHONY: all deps configure build tool test test-long fuzz demo package bench clean
 
 all: build
 
@@ -16,6 +16,11 @@ configure: deps
 
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
+
+# The tool alone, without the test suite and the benchmarks: all that the demo
+# and the packages need.
+tool: configure
+	@cmake --build $(BUILD) -j $(JOBS) --target zelkor-patchmgmt-tool
 
 # The quick suite. The fault suite (full disks, hostile inputs, long jobs) and
 # the suites against real package managers take minutes; they carry the CTest
@@ -36,8 +41,12 @@ FUZZ_SECONDS ?= 60
 fuzz: deps
 	@scripts/run-fuzzers $(FUZZ_SECONDS)
 
-demo: build
+demo: tool
 	@scripts/demo $(BUILD)
+
+# The .deb of the tool, written to $(BUILD).
+package: tool
+	@cpack --config $(BUILD)/CPackConfig.cmake -B $(BUILD)
 
 bench: build
 	@scripts/run-benchmarks $(BUILD)

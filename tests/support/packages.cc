@@ -1,0 +1,159 @@
+#include "support/packages.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+
+#include "support/sandbox.h"
+
+namespace pmtest {
+
+namespace {
+
+// Reaps `pid`; with `kill`, first ends it and the process group it leads.
+int Reap(pid_t pid, bool kill) {
+  if (kill) {
+    ::kill(-pid, SIGKILL);
+    ::kill(pid, SIGKILL);
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace
+
+std::string SourcePath(const std::string& relative) { return std::string(PM_SOURCE_DIR) + "/" + relative; }
+
+CommandOutput RunCommand(const std::vector<std::string>& argv, int timeoutSeconds,
+                         const std::vector<BindMount>& binds) {
+  std::vector<std::string> args = argv;
+  std::vector<char*> pointers;
+  for (auto& arg : args) pointers.push_back(arg.data());
+  pointers.push_back(nullptr);
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0) return {};
+  const pid_t pid = fork();
+  if (pid == 0) {
+    setpgid(0, 0);
+    dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
+    dup2(out[1], 1);
+    dup2(out[1], 2);
+    if (!binds.empty() &&
+        (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)) {
+      _exit(120);
+    }
+    for (const auto& bind : binds) {
+      if (mount(bind.source.c_str(), bind.target.c_str(), nullptr, MS_BIND, nullptr) != 0) _exit(121);
+    }
+    execvp(pointers[0], pointers.data());
+    _exit(127);
+  }
+  close(out[1]);
+  CommandOutput result;
+  if (pid < 0) {
+    close(out[0]);
+    return result;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+  bool timedOut = false;
+  for (;;) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      timedOut = true;
+      break;
+    }
+    pollfd fd = {out[0], POLLIN, 0};
+    const int ready = poll(&fd, 1, static_cast<int>(left.count()));
+    if (ready < 0 && errno != EINTR) break;
+    if (ready <= 0) continue;
+    char buffer[4096];
+    const ssize_t n = read(out[0], buffer, sizeof buffer);
+    if (n > 0) {
+      result.output.append(buffer, static_cast<size_t>(n));
+    } else if (n == 0 || errno != EINTR) {
+      break;
+    }
+  }
+  close(out[0]);
+  result.status = Reap(pid, timedOut);
+  if (timedOut) result.output += "\n<killed after " + std::to_string(timeoutSeconds) + " s>";
+  return result;
+}
+
+std::string Fixture(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {SourcePath("tests/support/pkg-fixtures")};
+  argv.insert(argv.end(), args.begin(), args.end());
+  CommandOutput run = RunCommand(argv);
+  if (run.status != 0) throw std::runtime_error("pkg-fixtures " + args.front() + " failed: " + run.output);
+  while (!run.output.empty() && run.output.back() == '\n') run.output.pop_back();
+  return run.output;
+}
+
+LockHolder::LockHolder(const std::string& path) {
+  int ready[2];
+  if (pipe2(ready, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  pid_ = fork();
+  if (pid_ == 0) {
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    const char answer = fd >= 0 && fcntl(fd, F_SETLK, &lock) == 0 ? 'y' : 'n';
+    if (write(ready[1], &answer, 1) != 1 || answer != 'y') _exit(1);
+    for (;;) pause();
+  }
+  close(ready[1]);
+  char answer = 'n';
+  const bool held = pid_ > 0 && read(ready[0], &answer, 1) == 1 && answer == 'y';
+  close(ready[0]);
+  if (!held) {
+    Release();
+    throw std::runtime_error("cannot lock " + path);
+  }
+}
+
+void LockHolder::Release() {
+  if (pid_ > 0) Reap(pid_, true);
+  pid_ = -1;
+}
+
+rapidjson::Document ReadJson(const std::string& path) {
+  rapidjson::Document document;
+  document.Parse(ReadTextFile(path).c_str());
+  return document;
+}
+
+std::vector<std::string> Strings(const rapidjson::Value& object, const char* member) {
+  std::vector<std::string> values;
+  if (!object.IsObject() || !object.HasMember(member) || !object[member].IsArray()) return values;
+  for (const auto& value : object[member].GetArray())
+    values.push_back(value.IsString() ? value.GetString() : "?");
+  return values;
+}
+
+std::vector<FailedPackage> FailedPackages(const rapidjson::Value& deploymentResult) {
+  std::vector<FailedPackage> packages;
+  if (!deploymentResult.IsObject() || !deploymentResult.HasMember("failed")) return packages;
+  for (const auto& patch : deploymentResult["failed"].GetArray()) {
+    for (const auto& package : patch["failedPackages"].GetArray()) {
+      packages.push_back({patch["id"].GetString(), package["name"].GetString(),
+                          package["exitCode"].GetInt64(), package["errorMessage"].GetString()});
+    }
+  }
+  return packages;
+}
+
+}  // namespace pmtest
