@@ -3,6 +3,8 @@
 BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
+# The package manager family of `make demo`: deb (dpkg and apt) or rpm (rpm and dnf).
+DEMO ?= deb
 
 .PHONY: all deps configure build tool test test-long fuzz demo package bench clean
 
@@ -42,9 +44,9 @@ fuzz: deps
 	@scripts/run-fuzzers $(FUZZ_SECONDS)
 
 demo: tool
-	@scripts/demo $(BUILD)
+	@DEMO=$(DEMO) scripts/demo $(BUILD)
 
-# The .deb of the tool, written to $(BUILD).
+# The .deb and the .rpm of the tool, written to $(BUILD).
 package: tool
 	@cpack --config $(BUILD)/CPackConfig.cmake -B $(BUILD)
 

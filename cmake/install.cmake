@@ -1,4 +1,4 @@
-# Install layout and the .deb package (CPack).
+# Install layout and packages (.deb and .rpm through CPack).
 #
 # The agent looks for the tool at <data dir>/bin/zelkor-patchmgmt-tool, the
 # data directory being /opt/zelkor-agent unless ZELKOR_AGENT_DATA_DIR moves
@@ -25,7 +25,7 @@ set(PM_INSTALL_CONFIG_DIR "/etc/zelkor-agent" CACHE PATH
 
 install(FILES config/zagent-patchmgmt-log.conf DESTINATION "${PM_INSTALL_CONFIG_DIR}")
 # The reference deployment scripts, for the agent to name in its argument files.
-install(PROGRAMS scripts/deploy/deploy-deb DESTINATION scripts)
+install(PROGRAMS scripts/deploy/deploy-deb scripts/deploy/deploy-rpm DESTINATION scripts)
 install(FILES scripts/deploy/deploy-lib.sh DESTINATION scripts)
 
 set(CPACK_PACKAGE_NAME zelkor-patchmgmt-tool)
@@ -34,9 +34,11 @@ set(CPACK_PACKAGE_CONTACT "Zelkor agent team <agent@zelkor.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Patch deployment tool of the Zelkor endpoint agent")
 set(CPACK_PACKAGE_DESCRIPTION
   "Runs a patch deployment job for the Zelkor agent: installs each patch's packages through a deployment script and records the outcome in result documents and an exit-code file.")
-set(CPACK_GENERATOR DEB)
+set(CPACK_GENERATOR DEB RPM)
 set(CPACK_PACKAGING_INSTALL_PREFIX "/opt/zelkor-agent")
 set(CPACK_STRIP_FILES ON)
+# The agent finds the tool and its configuration at fixed places.
+set(CPACK_PACKAGE_RELOCATABLE OFF)
 set(CPACK_OUTPUT_FILE_PREFIX "")
 
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -50,5 +52,16 @@ endif()
 set(pm_conffiles "${CMAKE_CURRENT_BINARY_DIR}/debian/conffiles")
 file(WRITE "${pm_conffiles}" "${pm_config_file}\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA "${pm_conffiles}")
+
+set(CPACK_RPM_FILE_NAME RPM-DEFAULT)
+set(CPACK_RPM_PACKAGE_LICENSE "Proprietary")
+set(CPACK_RPM_PACKAGE_GROUP "System Environment/Daemons")
+set(CPACK_RPM_PACKAGE_AUTOREQ ON)
+set(CPACK_RPM_PACKAGE_AUTOPROV OFF)
+set(CPACK_RPM_USER_FILELIST "%config(noreplace) ${pm_config_file}")
+set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION /opt)
+
+set(CPACK_PM_SOURCE_DIR "${PROJECT_SOURCE_DIR}")
+set(CPACK_PROJECT_CONFIG_FILE "${PROJECT_SOURCE_DIR}/cmake/cpack-project.cmake")
 
 include(CPack)

@@ -207,7 +207,7 @@ zk_run() {
 # The command follows "--". Most runs meet no lock, so the lock table is read
 # only after the package manager has found one.
 zk_run_past_locks() {
-  local words=$1 locks=() status deadline
+  local words=$1 locks=() status deadline retried=""
   shift
   while [ "$1" != -- ]; do
     locks+=("$1")
@@ -225,8 +225,11 @@ zk_run_past_locks() {
       return "$status"
     fi
     if ! zk_lock_holder "${locks[@]}" >/dev/null; then
-      # Held by someone this process cannot see, or already let go: try
-      # again in a moment, still within the budget.
+      # Held by someone this process cannot see (dnf's locks are files that
+      # name their owner), or let go already: try again in a moment, still
+      # within the budget.
+      [ -n "$retried" ] || zk_say "the package manager reports a lock; trying again until $(date -d "@$deadline" '+%F %T')"
+      retried=1
       sleep 1
     elif ! zk_wait_for_locks "$deadline" "${locks[@]}"; then
       return "$status"

@@ -5,9 +5,8 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
-#include <ctime>
+#include <filesystem>
 #include <functional>
 #include <memory>
 
@@ -22,18 +21,13 @@ using pmtest::RunCommand;
 
 const std::string kScript = pmtest::SourcePath("scripts/deploy/deploy-deb");
 
-#define SKIP_UNLESS_ROOT()                                                     \
-  if (geteuid() != 0)                                                          \
-  GTEST_SKIP() << "needs root: dpkg keeps file ownership and runs maintainer " \
-                  "scripts chrooted into the sandbox root"
-
 // A dpkg/apt root of the test's own, which the script reaches through
 // ZELKOR_DPKG_ROOT (the tool passes its environment on), and a directory of
 // packages built for the test.
 struct DebRoot {
   DebRoot() {
     pmtest::Fixture({"deb-root", root});
-    RunCommand({"mkdir", "-p", debs});
+    std::filesystem::create_directories(debs);
     setenv("ZELKOR_DPKG_ROOT", root.c_str(), 1);
     setenv("ZELKOR_DEPLOY_LOCK_WAIT", "3", 1);
   }
@@ -58,15 +52,8 @@ struct DebRoot {
   std::string debs = dir.Join("debs");
 };
 
-std::string Future(int seconds) { return std::to_string(std::time(nullptr) + seconds); }
-
-// "+N" and "-N" are N seconds from now; anything else stands as it is.
-std::string WindowEnd(const std::string& text) {
-  return text.empty() || (text[0] != '+' && text[0] != '-') ? text : Future(std::stoi(text));
-}
-
 TEST(DebPackages, AJobThroughTheToolReportsEachOutcomeAsTheDatabaseShowsIt) {
-  SKIP_UNLESS_ROOT();
+  PM_SKIP_UNLESS_ROOT();
   DebRoot deb;
   const std::string locked = deb.Deb({"zkt-locked", "1.0"});
   const std::string plain1 = deb.Deb({"zkt-plain", "1.0"});
@@ -104,77 +91,38 @@ TEST(DebPackages, AJobThroughTheToolReportsEachOutcomeAsTheDatabaseShowsIt) {
   EXPECT_EQ(pmtest::Strings(result, "success"), (Ids{"P2-PLAIN", "P3-NEWER", "P8-BYNAME"}));
   EXPECT_EQ(pmtest::Strings(result, "alreadyInstalled"), Ids{"P4-SAME"});
   EXPECT_EQ(pmtest::Strings(result, "notApplicable"), Ids{"P5-FOREIGN"});
-  const struct {
-    std::string patch, name;
-    int64_t exitCode;
-    std::string says;
-  } failed[] = {
-      {"P1-LOCKED", locked, 2, "dpkg frontend lock was locked by another process"},
-      {"P6-NODEPS", nodeps, 1, "zkt-nodeps depends on zkt-nothere"},
-      {"P7-POSTINST", postinst, 1, "post-installation script subprocess returned error exit status 1"},
-      {"P9-REFUSED", "--force-all", 2, "begins with '-' and is refused"},
-  };
-  const auto packages = pmtest::FailedPackages(result);
-  ASSERT_EQ(packages.size(), std::size(failed));
-  for (size_t i = 0; i < packages.size(); ++i) {
-    EXPECT_EQ(packages[i].patch, failed[i].patch);
-    EXPECT_EQ(packages[i].name, failed[i].name) << failed[i].patch;
-    EXPECT_EQ(packages[i].exitCode, failed[i].exitCode) << failed[i].patch;
-    EXPECT_NE(packages[i].errorMessage.find(failed[i].says), std::string::npos)
-        << failed[i].patch << ": " << packages[i].errorMessage;
-  }
+  pmtest::ExpectFailedPackages(
+      result,
+      {
+          {"P1-LOCKED", locked, 2, "dpkg frontend lock was locked by another process"},
+          {"P6-NODEPS", nodeps, 1, "zkt-nodeps depends on zkt-nothere"},
+          {"P7-POSTINST", postinst, 1, "post-installation script subprocess returned error exit status 1"},
+          {"P9-REFUSED", "--force-all", 2, "begins with '-' and is refused"},
+      });
 
   // Each script run as the tool logged it: the exit status of the command
   // that decided, and the outcome. apt exits 100 on the by-name install, as
   // it configures the failed package again in the same run; the database says
   // ours is installed.
-  const std::pair<std::string, std::string> runs[] = {
-      {locked, "2, custom exit code: 4"},
-      {plain1, "0, custom exit code: 0"},
-      {plain2, "0, custom exit code: 0"},
-      {plain1, "0, custom exit code: 1"},
-      {foreign, "0, custom exit code: 2"},
-      {"zkt-unknown", "0, custom exit code: 2"},
-      {nodeps, "1, custom exit code: 3"},
-      {postinst, "1, custom exit code: 3"},
-      {"zkt-byname=1.0", "100, custom exit code: 0"},
-      {"--force-all", "2, custom exit code: 3"},
-  };
-  std::vector<std::string> logged;
-  for (const auto& line : sandbox.Log()) {
-    if (line.text.rfind("Command: " + kScript + " ", 0) == 0) logged.push_back(line.text);
-  }
-  ASSERT_EQ(logged.size(), std::size(runs));
-  for (size_t i = 0; i < logged.size(); ++i) {
-    EXPECT_EQ(logged[i].rfind("Command: " + kScript + " " + runs[i].first + " ", 0), 0u) << logged[i];
-    const std::string outcome = " exit code: " + runs[i].second;
-    EXPECT_EQ(logged[i].substr(logged[i].size() - std::min(logged[i].size(), outcome.size())), outcome);
-  }
+  pmtest::ExpectScriptRuns(sandbox.Log(), kScript,
+                           {{locked, "2, custom exit code: 4"},
+                            {plain1, "0, custom exit code: 0"},
+                            {plain2, "0, custom exit code: 0"},
+                            {plain1, "0, custom exit code: 1"},
+                            {foreign, "0, custom exit code: 2"},
+                            {"zkt-unknown", "0, custom exit code: 2"},
+                            {nodeps, "1, custom exit code: 3"},
+                            {postinst, "1, custom exit code: 3"},
+                            {"zkt-byname=1.0", "100, custom exit code: 0"},
+                            {"--force-all", "2, custom exit code: 3"}});
   // The package without its dependency was taken out again.
   EXPECT_EQ(deb.Packages(), (Ids{"ii zkt-byname 1.0", "ii zkt-plain 2.0", "iF zkt-postinst 1.0"}));
   EXPECT_EQ(pmtest::ReadTextFile("/var/log/dpkg.log").find("zkt-"), std::string::npos)
       << "dpkg logged into the host's log";
 }
 
-// Runs the script directly on `package` with a stale output file in place.
-struct DirectRun {
-  DirectRun(const std::string& package, const std::string& windowEnd, int timeoutSeconds = 60) {
-    pmtest::WriteTextFile(output, "stale output of an earlier run");
-    run = RunCommand({kScript, package, output, windowEnd}, timeoutSeconds);
-  }
-  std::string Written() const { return pmtest::ReadTextFile(output); }
-
-  pmtest::TempDir results;
-  std::string output = results.Join("scriptOutput.json");
-  pmtest::CommandOutput run;
-};
-
-std::string Result(int code, int exitCode) {
-  return "{\"customExitCode\":" + std::to_string(code) + ",\"exitCode\":" + std::to_string(exitCode) + "}";
-}
-
 TEST(DebPackages, TheScriptRefusesWhatItMustNotRunAndAlwaysLeavesOneWholeResult) {
-  SKIP_UNLESS_ROOT();
+  PM_SKIP_UNLESS_ROOT();
   const struct {
     const char* what;
     std::function<std::string(DebRoot&)> package;  // prepares the root, returns the argument
@@ -223,9 +171,10 @@ TEST(DebPackages, TheScriptRefusesWhatItMustNotRunAndAlwaysLeavesOneWholeResult)
     setenv("ZELKOR_DEPLOY_LOCK_WAIT", "600", 1);
     std::unique_ptr<pmtest::LockHolder> lock;
     if (c.lockFile) lock = std::make_unique<pmtest::LockHolder>(deb.root + "/var/lib/dpkg/" + c.lockFile);
-    const DirectRun direct(c.package(deb), WindowEnd(c.windowEnd), 30);
+    const pmtest::ScriptRun direct(kScript, c.package(deb), pmtest::WindowEnd(c.windowEnd), 30);
     EXPECT_EQ(direct.run.status, 0) << c.what << ": " << direct.run.output;
-    EXPECT_EQ(direct.Written(), Result(c.code, c.exitCode)) << c.what << ": " << direct.run.output;
+    EXPECT_EQ(direct.Written(), pmtest::ScriptResult(c.code, c.exitCode))
+        << c.what << ": " << direct.run.output;
     EXPECT_NE(direct.run.output.find(c.says), std::string::npos) << c.what << ": " << direct.run.output;
     EXPECT_EQ(pmtest::ListDir(direct.results.path()), std::vector<std::string>{"scriptOutput.json"})
         << c.what;
@@ -234,16 +183,16 @@ TEST(DebPackages, TheScriptRefusesWhatItMustNotRunAndAlwaysLeavesOneWholeResult)
 }
 
 TEST(DebPackages, AScriptKilledWhileWaitingForTheLockLeavesAFailedResult) {
-  SKIP_UNLESS_ROOT();
+  PM_SKIP_UNLESS_ROOT();
   DebRoot deb;
   const std::string package = deb.Deb({"zkt-plain", "1.0"});
   setenv("ZELKOR_DEPLOY_LOCK_WAIT", "600", 1);
   pmtest::LockHolder lock(deb.root + "/var/lib/dpkg/lock-frontend");
-  const DirectRun direct(package, Future(600), 3);
+  const pmtest::ScriptRun direct(kScript, package, pmtest::WindowEnd("+600"), 3);
   EXPECT_EQ(direct.run.status, 128 + SIGKILL) << direct.run.output;
   EXPECT_NE(direct.run.output.find("is locked by pid " + std::to_string(lock.pid())), std::string::npos)
       << direct.run.output;
-  EXPECT_EQ(direct.Written(), Result(3, 1));
+  EXPECT_EQ(direct.Written(), pmtest::ScriptResult(3, 1));
   EXPECT_EQ(deb.Packages(), std::vector<std::string>{});
 }
 

@@ -1,5 +1,5 @@
-// The tool as it is installed: by `cmake --install` and from the .deb into a
-// dpkg root. Each installed tool runs one
+// The tool as it is installed: by `cmake --install`, from the .deb into a
+// dpkg root and from the .rpm into an rpm root. Each installed tool runs one
 // small job with the log configuration installed beside it and the reference
 // script installed with it.
 
@@ -16,14 +16,9 @@ using namespace std::chrono_literals;
 using pmtest::Fixture;
 using pmtest::RunCommand;
 
-#define SKIP_UNLESS_ROOT()                                                            \
-  if (geteuid() != 0)                                                                 \
-  GTEST_SKIP() << "needs root: the installed tool runs in a private mount namespace " \
-                  "so that its default log directory is the test's own"
-
 const char* const kInstalledFiles[] = {
     "opt/zelkor-agent/bin/zelkor-patchmgmt-tool", "etc/zelkor-agent/zagent-patchmgmt-log.conf",
-    "opt/zelkor-agent/scripts/deploy-deb",
+    "opt/zelkor-agent/scripts/deploy-deb",        "opt/zelkor-agent/scripts/deploy-rpm",
     "opt/zelkor-agent/scripts/deploy-lib.sh",
 };
 
@@ -88,7 +83,7 @@ void RunsOneJob(const std::string& root, const std::string& script, const std::s
 }
 
 TEST(Install, CmakeInstallPutsTheToolAndItsConfigurationWhereTheyAreRead) {
-  SKIP_UNLESS_ROOT();
+  PM_SKIP_UNLESS_ROOT();
   const pmtest::TempDir destdir;
   setenv("DESTDIR", destdir.path().c_str(), 1);
   const auto install = RunCommand({"cmake", "--install", PM_BINARY_DIR, "--strip"});
@@ -104,7 +99,7 @@ TEST(Install, CmakeInstallPutsTheToolAndItsConfigurationWhereTheyAreRead) {
 }
 
 TEST(Install, TheDebInstallsIntoADpkgRootAndItsToolRuns) {
-  SKIP_UNLESS_ROOT();
+  PM_SKIP_UNLESS_ROOT();
   const pmtest::TempDir out;
   const std::string deb = BuildPackage(out, "DEB");
   ASSERT_FALSE(deb.empty());
@@ -126,6 +121,28 @@ TEST(Install, TheDebInstallsIntoADpkgRootAndItsToolRuns) {
   Fixture({"deb-root", dpkgRoot});
   setenv("ZELKOR_DPKG_ROOT", dpkgRoot.c_str(), 1);
   RunsOneJob(root, "deploy-deb", Fixture({"deb", out.path(), "zkt-installed", "1.0"}));
+}
+
+TEST(Install, TheRpmInstallsIntoAnRpmRootAndItsToolRuns) {
+  PM_SKIP_UNLESS_ROOT();
+  const pmtest::TempDir out;
+  const std::string rpm = BuildPackage(out, "RPM");
+  ASSERT_FALSE(rpm.empty());
+  const std::string root = out.Join("root");
+  Fixture({"rpm-root", root});
+  // As for the .deb: the root's database knows none of the host's libraries.
+  const auto install =
+      RunCommand({"rpm", "--root", root, "--dbpath", "/var/lib/rpm", "-U", "--nodeps", "--", rpm});
+  ASSERT_EQ(install.status, 0) << install.output;
+  ExpectInstalledLayout(root);
+  const auto config =
+      RunCommand({"rpm", "--root", root, "--dbpath", "/var/lib/rpm", "-qc", "zelkor-patchmgmt-tool"});
+  EXPECT_EQ(config.output, "/etc/zelkor-agent/zagent-patchmgmt-log.conf\n");
+
+  const std::string rpmRoot = out.Join("jobroot");
+  Fixture({"rpm-root", rpmRoot});
+  setenv("ZELKOR_RPM_ROOT", rpmRoot.c_str(), 1);
+  RunsOneJob(root, "deploy-rpm", Fixture({"rpm", out.path(), "zkt-installed", "1.0"}));
 }
 
 }  // namespace

@@ -8,12 +8,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <stdexcept>
 #include <thread>
-
-#include "support/sandbox.h"
 
 namespace pmtest {
 
@@ -130,6 +130,36 @@ void LockHolder::Release() {
   pid_ = -1;
 }
 
+ScriptRun::ScriptRun(const std::string& script, const std::string& package, const std::string& windowEnd,
+                     int timeoutSeconds) {
+  WriteTextFile(output, "stale output of an earlier run");
+  run = RunCommand({script, package, output, windowEnd}, timeoutSeconds);
+}
+
+std::string ScriptResult(int customExitCode, int exitCode) {
+  return "{\"customExitCode\":" + std::to_string(customExitCode) +
+         ",\"exitCode\":" + std::to_string(exitCode) + "}";
+}
+
+std::string WindowEnd(const std::string& text) {
+  if (text.empty() || (text[0] != '+' && text[0] != '-')) return text;
+  return std::to_string(std::time(nullptr) + std::stoi(text));
+}
+
+void ExpectScriptRuns(const std::vector<LogLine>& log, const std::string& script,
+                      const std::vector<std::pair<std::string, std::string>>& runs) {
+  std::vector<std::string> logged;
+  for (const auto& line : log) {
+    if (line.text.rfind("Command: " + script + " ", 0) == 0) logged.push_back(line.text);
+  }
+  ASSERT_EQ(logged.size(), runs.size());
+  for (size_t i = 0; i < logged.size(); ++i) {
+    EXPECT_EQ(logged[i].rfind("Command: " + script + " " + runs[i].first + " ", 0), 0u) << logged[i];
+    const std::string outcome = " exit code: " + runs[i].second;
+    EXPECT_EQ(logged[i].substr(logged[i].size() - std::min(logged[i].size(), outcome.size())), outcome);
+  }
+}
+
 rapidjson::Document ReadJson(const std::string& path) {
   rapidjson::Document document;
   document.Parse(ReadTextFile(path).c_str());
@@ -154,6 +184,19 @@ std::vector<FailedPackage> FailedPackages(const rapidjson::Value& deploymentResu
     }
   }
   return packages;
+}
+
+void ExpectFailedPackages(const rapidjson::Value& deploymentResult,
+                          const std::vector<FailedPackage>& expected) {
+  const auto packages = FailedPackages(deploymentResult);
+  ASSERT_EQ(packages.size(), expected.size());
+  for (size_t i = 0; i < packages.size(); ++i) {
+    EXPECT_EQ(packages[i].patch, expected[i].patch);
+    EXPECT_EQ(packages[i].name, expected[i].name) << expected[i].patch;
+    EXPECT_EQ(packages[i].exitCode, expected[i].exitCode) << expected[i].patch;
+    EXPECT_NE(packages[i].errorMessage.find(expected[i].errorMessage), std::string::npos)
+        << expected[i].patch << ": " << packages[i].errorMessage;
+  }
 }
 
 }  // namespace pmtest

@@ -6,9 +6,19 @@
 
 #include <rapidjson/document.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "support/sandbox.h"
+
+// Package managers keep file ownership and run install scripts chrooted into
+// the sandbox root, and an installed tool runs in a private mount namespace:
+// all of it needs root.
+#define PM_SKIP_UNLESS_ROOT() \
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to install packages into a sandbox root"
 
 namespace pmtest {
 
@@ -50,6 +60,28 @@ class LockHolder {
   pid_t pid_ = -1;
 };
 
+// A deployment script run directly, as the tool runs it, on one package with
+// a stale output file from an earlier run in place.
+struct ScriptRun {
+  ScriptRun(const std::string& script, const std::string& package, const std::string& windowEnd,
+            int timeoutSeconds = 60);
+  std::string Written() const { return ReadTextFile(output); }
+
+  TempDir results;
+  std::string output = results.Join("scriptOutput.json");
+  CommandOutput run;
+};
+// The output file's content for an outcome and an exit status.
+std::string ScriptResult(int customExitCode, int exitCode);
+// A window end: "+N" and "-N" are N seconds from now; any other text stays.
+std::string WindowEnd(const std::string& text);
+
+// Expects the tool's log to show `script` run once per entry of `runs`, in
+// order, each on the package (first) ending as "EXIT, custom exit code: C"
+// (second), as the tool logs "Command: ... exit code: EXIT, ...".
+void ExpectScriptRuns(const std::vector<LogLine>& log, const std::string& script,
+                      const std::vector<std::pair<std::string, std::string>>& runs);
+
 // The result document at `path`, parsed; a document holding an error when the
 // file is missing or not JSON.
 rapidjson::Document ReadJson(const std::string& path);
@@ -65,5 +97,9 @@ struct FailedPackage {
   std::string errorMessage;
 };
 std::vector<FailedPackage> FailedPackages(const rapidjson::Value& deploymentResult);
+// Expects exactly the failed packages in `expected`, in order, each one's
+// error message holding its `errorMessage` text.
+void ExpectFailedPackages(const rapidjson::Value& deploymentResult,
+                          const std::vector<FailedPackage>& expected);
 
 }  // namespace pmtest
