@@ -147,6 +147,7 @@ echo "deploy-deb loop, no tool:   $(seconds "$script_us") s ($(per_package "$scr
 echo "tool with deploy-deb:       $(seconds "$tool_us") s ($(per_package "$tool_us") per package)"
 echo "the script's checks cost:   $(per_package $((script_us - bare_us))) per package"
 echo "the tool itself costs:      $(per_package $((tool_us - script_us))) per package"
-awk -v t="$tool_us" -v b="$bare_us" 'BEGIN {
+awk -v t="$tool_us" -v b="$bare_us" -v n="$count" 'BEGIN {
   ratio = sprintf("%.2f", t / b)
-  printf "ratio tool / bare dpkg: %s, goal <= 1.10, %s\n", ratio, (ratio + 0 <= 1.10 ? "met" : "missed") }'
+  printf "%d .deb through the tool with deploy-deb vs a bare dpkg -i loop: ratio %s, goal <= 1.10, %s\n", n, ratio,
+    (ratio + 0 <= 1.10 ? "met" : "missed") }'
