@@ -125,12 +125,13 @@ zk_start() {
   fi
 }
 
-# A private file for the script's own use, removed on the way out.
+# Sets the variable named $1 to a private file for the script's own use,
+# removed on the way out.
 zk_temp_file() {
   local file
   file=$(mktemp "${TMPDIR:-/tmp}/$zk_name.XXXXXX") || zk_finish "$ZK_FAILED" 1 "cannot create a temporary file"
   zk_cleanup+=("$file")
-  printf '%s' "$file"
+  printf -v "$1" '%s' "$file"
 }
 
 # Seconds that may be spent waiting for a lock: the configured wait, but never

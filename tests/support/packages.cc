@@ -133,7 +133,17 @@ void LockHolder::Release() {
 ScriptRun::ScriptRun(const std::string& script, const std::string& package, const std::string& windowEnd,
                      int timeoutSeconds) {
   WriteTextFile(output, "stale output of an earlier run");
+  // The script's own temporary files go beside its output, where a file left
+  // behind shows.
+  const char* tmpdir = getenv("TMPDIR");
+  const std::string saved = tmpdir ? tmpdir : "";
+  setenv("TMPDIR", results.path().c_str(), 1);
   run = RunCommand({script, package, output, windowEnd}, timeoutSeconds);
+  if (tmpdir) {
+    setenv("TMPDIR", saved.c_str(), 1);
+  } else {
+    unsetenv("TMPDIR");
+  }
 }
 
 std::string ScriptResult(int customExitCode, int exitCode) {

@@ -61,7 +61,8 @@ class LockHolder {
 };
 
 // A deployment script run directly, as the tool runs it, on one package with
-// a stale output file from an earlier run in place.
+// a stale output file from an earlier run in place; its temporary directory
+// is the one that holds the output file.
 struct ScriptRun {
   ScriptRun(const std::string& script, const std::string& package, const std::string& windowEnd,
             int timeoutSeconds = 60);
