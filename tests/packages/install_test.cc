@@ -3,9 +3,11 @@
 // small job with the log configuration installed beside it and the reference
 // script installed with it.
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 
 #include "support/packages.h"
 #include "support/sandbox.h"
@@ -62,21 +64,34 @@ void RunsOneJob(const std::string& root, const std::string& script, const std::s
   const pmtest::TempDir logs;
   setenv("ZELKOR_AGENT_CONFIG_DIR", (root + "/etc/zelkor-agent").c_str(), 1);
   setenv("ZELKOR_AGENT_DATA_DIR", (root + "/opt/zelkor-agent").c_str(), 1);
+  // Neither the host's control groups nor its systemd are the run's to use.
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + sandbox.root.Join("no-system-bus")).c_str(), 1);
   std::vector<pmtest::BindMount> binds = {{logs.path(), "/var/log"}};
   if (pmtest::PathExists("/sys/fs/cgroup/systemd"))
     binds.push_back({sandbox.cgroupDir, "/sys/fs/cgroup/systemd"});
+  if (pmtest::PathExists("/run/systemd/system")) {
+    std::filesystem::create_directories(sandbox.root.Join("run-systemd"));
+    binds.push_back({sandbox.root.Join("run-systemd"), "/run/systemd"});
+  }
   const auto run = RunCommand({root + "/opt/zelkor-agent/bin/zelkor-patchmgmt-tool", args}, 60, binds);
   ASSERT_EQ(run.status, 0) << run.output;
-  const bool finished = pmtest::WaitFor([&] { return !sandbox.ExitCodeText().empty(); }, 60s);
-  const std::string name = sandbox.ExitCodeFileName();
-  const pid_t child = name.empty() ? -1 : std::atoi(name.c_str() + name.rfind('.', name.size() - 6) + 1);
-  if (!finished && child > 0) kill(child, SIGKILL);
+  // The detached run is done when it has logged its last line and is gone
+  // (or, when this process is a subreaper, left for it to reap).
+  const std::string logPath = logs.Join("zelkor/zelkor-patchmgmt-tool.log");
+  const bool finished = pmtest::WaitFor(
+      [&] {
+        const pid_t child = pmtest::DetachedPid(sandbox);
+        return pmtest::ReadTextFile(logPath).find("]:Tool execution completed") != std::string::npos &&
+               child > 0 &&
+               (pmtest::ProcessState(child) == '\0' || waitpid(child, nullptr, WNOHANG) == child);
+      },
+      60s);
+  if (!finished && pmtest::DetachedPid(sandbox) > 0) kill(pmtest::DetachedPid(sandbox), SIGKILL);
   ASSERT_TRUE(finished) << "the installed tool did not finish its job";
   EXPECT_EQ(sandbox.ExitCodeText(), "0");
 
-  const auto log = pmtest::ReadTextFile(logs.Join("zelkor/zelkor-patchmgmt-tool.log"));
+  const auto log = pmtest::ReadTextFile(logPath);
   EXPECT_NE(log.find("[Information] zelkor-patchmgmt-tool: ["), std::string::npos) << log;
-  EXPECT_NE(log.find("]:Tool execution completed"), std::string::npos) << log;
   const auto document = pmtest::ReadJson(sandbox.resultDir + "/job1_7_status.json");
   ASSERT_TRUE(document.IsObject());
   EXPECT_EQ(pmtest::Strings(document["deploymentResult"], "success"), std::vector<std::string>{"P1"}) << log;

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <ctime>
 #include <stdexcept>
 #include <thread>
@@ -168,6 +169,14 @@ void ExpectScriptRuns(const std::vector<LogLine>& log, const std::string& script
     const std::string outcome = " exit code: " + runs[i].second;
     EXPECT_EQ(logged[i].substr(logged[i].size() - std::min(logged[i].size(), outcome.size())), outcome);
   }
+}
+
+pid_t DetachedPid(const ToolSandbox& sandbox) {
+  // ".<job>.<run>.<pid>.exit"
+  const std::string name = sandbox.ExitCodeFileName();
+  if (name.empty()) return -1;
+  const std::string stem = name.substr(0, name.size() - 5);
+  return static_cast<pid_t>(std::atoi(stem.c_str() + stem.rfind('.') + 1));
 }
 
 rapidjson::Document ReadJson(const std::string& path) {

@@ -83,6 +83,10 @@ std::string WindowEnd(const std::string& text);
 void ExpectScriptRuns(const std::vector<LogLine>& log, const std::string& script,
                       const std::vector<std::pair<std::string, std::string>>& runs);
 
+// The pid in the name of the sandbox's exit-code file: the detached run's;
+// -1 when there is no such file.
+pid_t DetachedPid(const ToolSandbox& sandbox);
+
 // The result document at `path`, parsed; a document holding an error when the
 // file is missing or not JSON.
 rapidjson::Document ReadJson(const std::string& path);
