@@ -2,16 +2,13 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
+#include <map>
 #include <string>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 #include "support/sandbox.h"
-#include "util/json.h"
-
-// After util/json.h, so that the pointer helpers share its consistency hook.
-#include <rapidjson/pointer.h>
 
 namespace patchmgmt {
 namespace {
@@ -19,59 +16,37 @@ namespace {
 using pmtest::HasLogLine;
 using pmtest::LogLine;
 
-// One job "job1" of every key the format knows, then a job of another type
-// that lacks everything after "type".
-const char* const kFullManifest = R"({
-  "schemaversion": 3, "manifestinstanceid": 18446744073709551615,
-  "jobs": [
-    {"id": "job1", "runid": -1, "type": "INSTALL", "isimmediate": true, "datetime": "2026-01-02T03:04:05.000Z",
-     "ignoretimeout": false, "timeout": 90, "uploadprogressreports": true,
-     "continueafterpackagefailedforpatch": true, "sendJobTelemetryData": true,
-     "patches": [
-       {"zpatchid": "P1", "vendorpatchid": "V1", "rebootrequire": true,
-        "downloadinfo": [
-          {"langid": 1033, "downloadurl": "https://d/1", "platform": "linux",
-           "hashesh": [{"type": "SHA256", "value": "ab"}, {"value": "cd"}],
-           "packagesbyarch": [{"architecture": "x86_64", "packages": ["a.rpm", "b.rpm"]},
-                              {"architecture": "aarch64", "packages": []}]},
-          {"langid": 7, "packagesbyarch": [{"architecture": "ppc", "packages": ["z"]}]}]},
-       {"zpatchid": "P2", "downloadinfo": [], "rebootrequire": false}],
-     "predeployment": {"message": "m1", "description": "d1", "deferment": {"count": 2, "minutesinterval": 30}},
-     "duringdeployment": {"message": "m2", "description": "d2"},
-     "postdeployment": {"suppressreboots": false,
-                        "rebootoption": {"message": "m3", "deferment": {"count": 1, "minutesinterval": 5}},
-                        "rebootcountdown": {"minutesinterval": 10, "message": "m4", "description": "d4"},
-                        "oncomplete": {"message": "m5"}}},
-    {"id": "job2", "runid": 8, "type": "install"}]})";
+// The manifests that both the parser and docs/manifest.schema.json judge
+// (tests/manifest/schema_cases_test.py does the schema's part). The folder
+// says who accepts a file: "valid" both, "invalid" neither, and the two
+// others only one of them, where JSON Schema or its validator cannot follow
+// the parser (docs/manifest.md lists why).
+const char* const kAcceptedFolders[] = {"valid", "schema-only-invalid"};
+const char* const kRejectedFolders[] = {"invalid", "parser-only-invalid"};
 
-// A change to the full manifest: the JSON pointer and the new value as JSON
-// text, or an empty text to remove the key.
-using Edit = std::pair<std::string, std::string>;
+std::string CasePath(const std::string& name) { return std::string(PM_MANIFEST_CASES) + "/" + name; }
+
+// "folder/file.json" of every case in `folder`, sorted.
+std::vector<std::string> CaseNames(const std::string& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(CasePath(folder))) {
+    names.push_back(folder + "/" + entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
 
 class ManifestParseTest : public pmtest::LogCaptureTest {
  protected:
+  int32_t ParseCase(const std::string& name) {
+    manifest_ = DeploymentJobManifest("v1");
+    return manifest_.ParseManifest(CasePath(name));
+  }
+
   int32_t ParseText(const std::string& text) {
     manifest_ = DeploymentJobManifest("v1");
     pmtest::WriteTextFile(path_, text);
     return manifest_.ParseManifest(path_);
-  }
-
-  int32_t ParseEdited(const std::vector<Edit>& edits) {
-    rapidjson::Document document;
-    document.Parse(kFullManifest);
-    for (const auto& [pointer, json] : edits) {
-      if (json.empty()) {
-        rapidjson::Pointer(pointer.c_str()).Erase(document);
-        continue;
-      }
-      rapidjson::Document value;
-      value.Parse(json.c_str());
-      rapidjson::Pointer(pointer.c_str()).Set(document, static_cast<const rapidjson::Value&>(value));
-    }
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    document.Accept(writer);
-    return ParseText(buffer.GetString());
   }
 
   size_t CountPriority(const std::string& priority) const {
@@ -85,7 +60,7 @@ class ManifestParseTest : public pmtest::LogCaptureTest {
 };
 
 TEST_F(ManifestParseTest, FillsEveryFieldOfTheModelAndKeepsFileOrder) {
-  ASSERT_EQ(ParseText(kFullManifest), kManifestOk);
+  ASSERT_EQ(ParseCase("valid/every-key.json"), kManifestOk);
   EXPECT_EQ(manifest_.manifestInstanceId, UINT64_MAX);
   ASSERT_EQ(manifest_.jobs.size(), 1u);
   const DeploymentJob& job = manifest_.jobs[0];
@@ -109,121 +84,153 @@ TEST_F(ManifestParseTest, FillsEveryFieldOfTheModelAndKeepsFileOrder) {
             "d130m2m310m5");
 
   const auto log = Log();
-  EXPECT_TRUE(HasLogLine(log, std::string("[Patch]:Deployment manifest content: ") + kFullManifest, "Trace"));
+  EXPECT_TRUE(HasLogLine(
+      log, "[Patch]:Deployment manifest content: " + pmtest::ReadTextFile(CasePath("valid/every-key.json")),
+      "Trace"));
   EXPECT_TRUE(
       HasLogLine(log, "[Patch]:type provided: install for linux job is not valid. supports only \"INSTALL\"",
                  "Warning"));
 }
 
 TEST_F(ManifestParseTest, DumpWritesTheExactLinesOnlyAtDebugOrFiner) {
-  ASSERT_EQ(ParseEdited({{"/jobs/0/runid", "7"}}), kManifestOk);
+  const std::string path = CasePath("valid/every-key.json");
+  ASSERT_EQ(ParseCase("valid/every-key.json"), kManifestOk);
   std::vector<std::string> debug;
   for (const LogLine& line : Log()) {
     if (line.priority == "Debug") debug.push_back(line.text);
   }
   EXPECT_EQ(debug,
             (std::vector<std::string>{
-                "[Patch]:Parsing Deployment manifest: " + path_,
+                "[Patch]:Parsing Deployment manifest: " + path,
                 "[Patch]:Dumping DeploymentManifest: ",
                 "schemaversion: 3\nmanifestInstanceID: 18446744073709551615\n",
                 "[Patch]:Deployment Job: [JobId,RunId,Type,IsImmediate,DateTime,IgnoreTimeout, Timeout]: "
-                "[job1, 7, INSTALL, 1, 2026-01-02T03:04:05.000Z, 0, 90]",
+                "[job1, -1, INSTALL, 1, 2026-01-02T03:04:05.000Z, 0, 90]",
                 "[Patch]:Deployment patch:[zpatchid]: [P1]",
                 "[Patch]:Deployment patch:[zpatchid]: [P2]",
-                "[Patch]:Deployment manifest: " + path_ + " parsed successfully",
+                "[Patch]:Deployment manifest: " + path + " parsed successfully",
             }));
 }
 
-TEST_F(ManifestParseTest, RequiredKeyMissingOrMistypedFailsWithOneMessageFromItsLevel) {
-  const std::string pba = "/jobs/0/patches/0/downloadinfo/0/packagesbyarch";
-  const std::string schema = "integer field schemaversion in deployement manifest";
-  const struct {
-    std::vector<Edit> edits;
-    std::string message;  // whole, or after "[Patch]:Failed to find "; empty: none of its own
-  } cases[] = {
-      {{{"/schemaversion", ""}}, schema},
-      {{{"/schemaversion", "3.0"}}, schema},
-      {{{"/manifestinstanceid", "-1"}}, schema},
-      {{{"/jobs", "{}"}}, "array field jobs in deployement manifest"},
-      {{{"/jobs/0/id", "7"}}, "string field id in jobs in manifest"},
-      {{{"/jobs/0/runid", "2147483648"}}, "integer field runid in jobs in manifest"},
-      {{{"/jobs/0/type", ""}}, "string field type in jobs in manifest"},
-      {{{"/jobs/0/isimmediate", "\"true\""}}, "bool field isimmediate in jobs in manifest"},
-      {{{"/jobs/0/datetime", "null"}}, "string field datetime in jobs in manifest"},
-      {{{"/jobs/0/timeout", ""}}, "integer field timeout in jobs in manifest"},
-      {{{"/jobs/0/ignoretimeout", ""}, {"/jobs/0/timeout", ""}}, "integer field timeout in jobs in manifest"},
-      {{{"/jobs/0/ignoretimeout", "\"true\""}, {"/jobs/0/timeout", ""}},
-       "integer field timeout in jobs in manifest"},
-      {{{"/jobs/0/continueafterpackagefailedforpatch", "1"}},
-       "bool field continueafterpackagefailedforpatch in jobs in manifest"},
-      {{{"/jobs/0/patches", ""}}, "object patches in jobs in manifest"},
-      {{{"/jobs/0/patches/0/downloadinfo/0", "1"}}, "packagesbyarch in downloadinfo of manifest"},
-      {{{pba + "/0", "\"x86_64\""}}, "string field architecture in packagesbyarch in manifest"},
-      {{{"/jobs/0/patches", "{}"}}, "array field patches in patches in manifest"},
-      {{{"/jobs/0/postdeployment", "\"x\""}}, "object field postdeployment in jobs in manifest"},
-      {{{"/jobs/0/postdeployment/suppressreboots", ""}},
-       "bool field suppressreboots in postdeployment in manifest"},
-      {{{"/jobs/0/postdeployment/rebootcountdown", "{}"}},
-       "[Patch]:Failed to find: minutesinterval in rebootcountdown in manifest"},
-      {{{"/jobs/0/patches/1/zpatchid", ""}}, "string field zpatchid in patches in manifest"},
-      {{{"/jobs/0/patches/1/downloadinfo", "{}"}}, "array field downloadinfo in patches in manifest"},
-      {{{"/jobs/0/patches/0/rebootrequire", "0"}}, "bool field rebootrequire in patches in manifest"},
-      {{{pba, ""}}, "packagesbyarch in downloadinfo of manifest"},
-      {{{pba + "/1/architecture", ""}}, "string field architecture in packagesbyarch in manifest"},
-      {{{pba + "/1/packages", "\"x\""}}, "array field packages in packagesbyarch in manifest"},
-      {{{pba + "/0/packages/1", "5"}}, ""},
-      // Looked into, these would trip the JSON library's consistency check.
-      {{{"/jobs/0", "1"}}, "[Patch]:Element of jobs in manifest is not an object"},
-      {{{"/jobs/0/patches/1", "\"P2\""}}, "[Patch]:Element of patches in manifest is not an object"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.edits[0].first + " := " + c.edits[0].second);
-    CaptureLog("trace");
-    EXPECT_EQ(ParseEdited(c.edits), kManifestInvalid);
-    EXPECT_EQ(CountPriority("Error"), c.message.empty() ? 0u : 1u);
-    if (!c.message.empty()) {
-      const std::string full = c.message[0] == '[' ? c.message : "[Patch]:Failed to find " + c.message;
-      EXPECT_TRUE(HasLogLine(Log(), full, "Error"));
+TEST_F(ManifestParseTest, EveryCaseOfTheAcceptedFoldersParses) {
+  for (const char* folder : kAcceptedFolders) {
+    const std::vector<std::string> names = CaseNames(folder);
+    EXPECT_FALSE(names.empty()) << folder;
+    for (const std::string& name : names) {
+      SCOPED_TRACE(name);
+      EXPECT_EQ(ParseCase(name), kManifestOk);
     }
-    EXPECT_FALSE(pmtest::HasLogPrefix(Log(), "[Patch]:Dumping"));
   }
 }
 
+TEST_F(ManifestParseTest, RequiredKeyMissingOrMistypedFailsWithOneMessageFromItsLevel) {
+  const std::string schema = "integer field schemaversion in deployement manifest";
+  const std::string runId = "integer field runid in jobs in manifest";
+  const std::string timeout = "integer field timeout in jobs in manifest";
+  const std::string isImmediate = "bool field isimmediate in jobs in manifest";
+  const std::string downloadInfo = "packagesbyarch in downloadinfo of manifest";
+  const std::string architecture = "string field architecture in packagesbyarch in manifest";
+  const std::string postDeployment = "object field postdeployment in jobs in manifest";
+  const std::string notJson = "[Patch]:Not valid json document for Deployemnt manifest json.";
+  // Every rejected case and its error, whole or after "[Patch]:Failed to
+  // find "; empty: none of its own. The error shows that a file fails for the
+  // reason its name gives and not for a slip elsewhere in it.
+  const std::map<std::string, std::string> errors = {
+      {"invalid/root-not-an-object.json", notJson},
+      {"invalid/schemaversion-missing.json", schema},
+      {"invalid/manifestinstanceid-negative.json", schema},
+      {"invalid/manifestinstanceid-beyond-uint64.json", schema},
+      {"invalid/jobs-not-an-array.json", "array field jobs in deployement manifest"},
+      {"invalid/job-not-an-object.json", "[Patch]:Element of jobs in manifest is not an object"},
+      {"invalid/job-id-not-a-string.json", "string field id in jobs in manifest"},
+      {"invalid/runid-beyond-int32.json", runId},
+      {"invalid/type-missing.json", "string field type in jobs in manifest"},
+      {"invalid/type-install-up-to-a-nul-is-checked-as-install.json", isImmediate},
+      {"invalid/isimmediate-a-string.json", isImmediate},
+      {"invalid/datetime-null.json", "string field datetime in jobs in manifest"},
+      {"invalid/timeout-missing.json", timeout},
+      {"invalid/timeout-missing-ignoretimeout-a-string.json", timeout},
+      {"invalid/continueafterpackagefailedforpatch-a-number.json",
+       "bool field continueafterpackagefailedforpatch in jobs in manifest"},
+      {"invalid/patches-missing.json", "object patches in jobs in manifest"},
+      {"invalid/patches-not-an-array.json", "array field patches in patches in manifest"},
+      {"invalid/patch-not-an-object.json", "[Patch]:Element of patches in manifest is not an object"},
+      {"invalid/zpatchid-missing.json", "string field zpatchid in patches in manifest"},
+      {"invalid/downloadinfo-not-an-array.json", "array field downloadinfo in patches in manifest"},
+      {"invalid/rebootrequire-a-number.json", "bool field rebootrequire in patches in manifest"},
+      {"invalid/first-downloadinfo-not-an-object.json", downloadInfo},
+      {"invalid/packagesbyarch-missing.json", downloadInfo},
+      {"invalid/packagesbyarch-element-not-an-object.json", architecture},
+      {"invalid/architecture-missing.json", architecture},
+      {"invalid/packages-not-an-array.json", "array field packages in packagesbyarch in manifest"},
+      {"invalid/package-name-not-a-string.json", ""},
+      {"invalid/postdeployment-missing.json", postDeployment},
+      {"invalid/postdeployment-not-an-object.json", postDeployment},
+      {"invalid/suppressreboots-missing.json", "bool field suppressreboots in postdeployment in manifest"},
+      {"invalid/rebootcountdown-without-minutesinterval.json",
+       "[Patch]:Failed to find: minutesinterval in rebootcountdown in manifest"},
+      {"parser-only-invalid/integer-written-with-a-fraction.json", runId},
+      {"parser-only-invalid/key-given-twice-first-one-counts.json", runId},
+      {"parser-only-invalid/lone-surrogate-escape.json", notJson},
+      {"parser-only-invalid/nan-is-not-json.json", notJson},
+      {"parser-only-invalid/number-beyond-a-double.json", notJson},
+  };
+  size_t judged = 0;
+  for (const char* folder : kRejectedFolders) {
+    const std::vector<std::string> names = CaseNames(folder);
+    EXPECT_FALSE(names.empty()) << folder;
+    for (const std::string& name : names) {
+      SCOPED_TRACE(name);
+      const auto error = errors.find(name);
+      if (error == errors.end()) {
+        ADD_FAILURE() << "a rejected case needs its expected error in this table";
+        continue;
+      }
+      ++judged;
+      CaptureLog("trace");
+      EXPECT_EQ(ParseCase(name), kManifestInvalid);
+      const std::string& message = error->second;
+      EXPECT_EQ(CountPriority("Error"), message.empty() ? 0u : 1u);
+      if (!message.empty()) {
+        const std::string full = message[0] == '[' ? message : "[Patch]:Failed to find " + message;
+        EXPECT_TRUE(HasLogLine(Log(), full, "Error"));
+      }
+      EXPECT_FALSE(pmtest::HasLogPrefix(Log(), "[Patch]:Dumping"));
+    }
+  }
+  EXPECT_EQ(judged, errors.size()) << "the table names a case file that does not exist";
+}
+
 TEST_F(ManifestParseTest, OptionalKeysOfTheWrongTypeCountAsAbsent) {
-  ASSERT_EQ(ParseEdited({{"/jobs/0/ignoretimeout", "true"}, {"/jobs/0/timeout", ""}}), kManifestOk);
-  EXPECT_EQ(manifest_.jobs[0].timeout, 0);
+  ASSERT_EQ(ParseCase("valid/optional-keys-of-other-types-count-as-absent.json"), kManifestOk);
+  const DeploymentJob& job = manifest_.jobs.at(0);
+  // "ignoretimeout": "true" is no bool, so the time limit was read after all.
+  EXPECT_FALSE(job.ignoreTimeout);
+  EXPECT_EQ(job.timeout, 60);
+  EXPECT_FALSE(job.uploadProgressReports || job.sendJobTelemetryData);
+  const PostDeployment& post = job.postDeployment;
+  const DownloadInfo& info = job.patches.at(0).downloadInfo;
+  EXPECT_EQ(job.preDeployment.message + job.duringDeployment.message + post.rebootOption.message +
+                post.onComplete.message + job.patches[0].vendorPatchId + info.downloadUrl + info.platform,
+            "");
+  EXPECT_EQ(post.rebootOption.deferment.count + post.rebootCountdown.minutesInterval + info.langId, 0);
+  EXPECT_TRUE(info.hashes.empty());
+  // Hash entries that are not objects carry nothing and break nothing.
+  ASSERT_EQ(job.patches.at(1).downloadInfo.hashes.size(), 1u);
+  EXPECT_EQ(job.patches[1].downloadInfo.hashes[0].type, "MD5");
+
   // An ignored time limit is not even read, whatever the file says.
-  ASSERT_EQ(ParseEdited({{"/jobs/0/ignoretimeout", "true"}, {"/jobs/0/timeout", "30"}}), kManifestOk);
-  EXPECT_TRUE(manifest_.jobs[0].ignoreTimeout);
+  ASSERT_EQ(ParseCase("valid/ignoretimeout-true-timeout-not-read.json"), kManifestOk);
+  EXPECT_TRUE(manifest_.jobs.at(0).ignoreTimeout);
   EXPECT_EQ(manifest_.jobs[0].timeout, 0);
 
-  ASSERT_EQ(ParseEdited({{"/jobs/0/uploadprogressreports", "1"},
-                         {"/jobs/0/predeployment", "\"x\""},
-                         {"/jobs/0/postdeployment/rebootcountdown", "\"x\""},
-                         {"/jobs/0/patches/0/vendorpatchid", "5"},
-                         {"/jobs/0/patches/0/zpatchid", "\"P1\\u0000tail\""},
-                         {"/jobs/0/patches/0/downloadinfo/0/langid", "\"5\""},
-                         {"/jobs/0/patches/0/downloadinfo/0/hashesh", "{\"type\": \"SHA256\"}"},
-                         {"/jobs/0/patches/0/downloadinfo/1/packagesbyarch", ""}}),
-            kManifestOk);
-  const DeploymentJob& job = manifest_.jobs[0];
-  EXPECT_FALSE(job.uploadProgressReports);
-  EXPECT_EQ(job.preDeployment.message + job.patches[0].vendorPatchId, "");
-  EXPECT_EQ(job.preDeployment.deferment.count + job.postDeployment.rebootCountdown.minutesInterval +
-                job.patches[0].downloadInfo.langId,
-            0);
-  EXPECT_EQ(job.patches[0].patchId, "P1");
-  EXPECT_TRUE(job.patches[0].downloadInfo.hashes.empty());
-  // Hash entries that are not objects carry nothing and break nothing.
-  ASSERT_EQ(
-      ParseEdited({{"/jobs/0/patches/0/downloadinfo/0/hashesh", "[\"SHA256\", 5, {\"type\": \"MD5\"}]"}}),
-      kManifestOk);
-  ASSERT_EQ(manifest_.jobs[0].patches[0].downloadInfo.hashes.size(), 1u);
-  EXPECT_EQ(manifest_.jobs[0].patches[0].downloadInfo.hashes[0].type, "MD5");
+  // A string ends at its first NUL, and so "type" is compared up to there.
+  ASSERT_EQ(ParseCase("valid/strings-end-at-a-nul.json"), kManifestOk);
+  EXPECT_EQ(manifest_.jobs.at(0).type + "|" + manifest_.jobs[0].patches.at(0).patchId, "INSTALL|P1");
 
   // A job of another type is skipped before its other keys are looked at.
   CaptureLog("trace");
-  ASSERT_EQ(ParseEdited({{"/jobs/0/type", "\"UNINSTALL\""}, {"/jobs/0/isimmediate", ""}}), kManifestOk);
+  ASSERT_EQ(ParseCase("valid/other-type-jobs-are-skipped.json"), kManifestOk);
   EXPECT_TRUE(manifest_.jobs.empty());
   EXPECT_EQ(CountPriority("Warning"), 2u);
 }
@@ -237,8 +244,8 @@ TEST_F(ManifestParseTest, UnreadableOrNonObjectFilesAreRejected) {
   const std::string notJson = "[Patch]:Not valid json document for Deployemnt manifest json.";
   // Nesting far deeper than any stack frame per level would survive.
   const std::string deep = std::string(200000, '[') + std::string(200000, ']');
-  const std::vector<std::string> texts = {
-      "[]", "{\"schemaversion\": 1,}", "{} {}", std::string("{}\0{}", 5), "\"{}\"", deep};
+  const std::vector<std::string> texts = {"{\"schemaversion\": 1,}", "{} {}", std::string("{}\0{}", 5),
+                                          "\"{}\"", deep};
   for (const std::string& text : texts) {
     SCOPED_TRACE(text);
     CaptureLog("trace");
