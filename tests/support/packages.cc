@@ -1,124 +1,121 @@
 #include "support/packages.h"
 
 #include <fcntl.h>
-#include <poll.h>
+#include <gmock/gmock.h>
+#include <rapidjson/document.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
+#include <memory>
+#include <regex>
 #include <stdexcept>
-#include <thread>
 
 namespace pmtest {
 
 namespace {
 
-// Reaps `pid`; with `kill`, first ends it and the process group it leads.
-int Reap(pid_t pid, bool kill) {
-  if (kill) {
-    ::kill(-pid, SIGKILL);
-    ::kill(pid, SIGKILL);
-  }
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return -1;
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+// Runs tests/support/pkg-fixtures with `args`; its standard output without
+// the final line end. Throws when it fails, with the fixture's own words.
+std::string Fixture(std::vector<std::string> args) {
+  args.insert(args.begin(), std::string(PM_SOURCE_DIR) + "/tests/support/pkg-fixtures");
+  CommandOutput run = RunCommand(args);
+  if (run.status != 0) throw std::runtime_error("pkg-fixtures " + args[1] + " failed: " + run.output);
+  return run.output.substr(0, run.output.find_last_not_of('\n') + 1);
 }
 
 }  // namespace
 
-std::string SourcePath(const std::string& relative) { return std::string(PM_SOURCE_DIR) + "/" + relative; }
-
-CommandOutput RunCommand(const std::vector<std::string>& argv, int timeoutSeconds,
+CommandOutput RunCommand(std::vector<std::string> argv, int timeoutSeconds,
                          const std::vector<BindMount>& binds) {
-  std::vector<std::string> args = argv;
   std::vector<char*> pointers;
-  for (auto& arg : args) pointers.push_back(arg.data());
+  for (auto& arg : argv) pointers.push_back(arg.data());
   pointers.push_back(nullptr);
-  int out[2];
-  if (pipe2(out, O_CLOEXEC) != 0) return {};
-  const pid_t pid = fork();
+  // A file rather than a pipe: a background process that keeps the command's
+  // output open cannot hold up the wait.
+  const TempDir dir;
+  const std::string outputPath = dir.Join("output");
+  const int out = open(outputPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  const pid_t pid = out < 0 ? -1 : fork();
   if (pid == 0) {
     setpgid(0, 0);
     dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
-    dup2(out[1], 1);
-    dup2(out[1], 2);
+    dup2(out, 1);
+    dup2(out, 2);
     if (!binds.empty() &&
         (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)) {
       _exit(120);
     }
     for (const auto& bind : binds) {
-      if (mount(bind.source.c_str(), bind.target.c_str(), nullptr, MS_BIND, nullptr) != 0) _exit(121);
+      if (mount(bind.first.c_str(), bind.second.c_str(), nullptr, MS_BIND, nullptr) != 0) _exit(121);
     }
     execvp(pointers[0], pointers.data());
     _exit(127);
   }
-  close(out[1]);
-  CommandOutput result;
-  if (pid < 0) {
-    close(out[0]);
-    return result;
+  if (out >= 0) close(out);
+  if (pid < 0) return {};
+  int status = 0;
+  const bool ended =
+      WaitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, std::chrono::seconds(timeoutSeconds));
+  if (!ended) {
+    kill(-pid, SIGKILL);
+    waitpid(pid, &status, 0);
   }
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
-  bool timedOut = false;
-  for (;;) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) {
-      timedOut = true;
-      break;
-    }
-    pollfd fd = {out[0], POLLIN, 0};
-    const int ready = poll(&fd, 1, static_cast<int>(left.count()));
-    if (ready < 0 && errno != EINTR) break;
-    if (ready <= 0) continue;
-    char buffer[4096];
-    const ssize_t n = read(out[0], buffer, sizeof buffer);
-    if (n > 0) {
-      result.output.append(buffer, static_cast<size_t>(n));
-    } else if (n == 0 || errno != EINTR) {
-      break;
-    }
-  }
-  close(out[0]);
-  result.status = Reap(pid, timedOut);
-  if (timedOut) result.output += "\n<killed after " + std::to_string(timeoutSeconds) + " s>";
-  return result;
+  return {
+      WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+      ReadTextFile(outputPath) + (ended ? "" : "\n<killed after " + std::to_string(timeoutSeconds) + " s>")};
 }
 
-std::string Fixture(const std::vector<std::string>& args) {
-  std::vector<std::string> argv = {SourcePath("tests/support/pkg-fixtures")};
-  argv.insert(argv.end(), args.begin(), args.end());
-  CommandOutput run = RunCommand(argv);
-  if (run.status != 0) throw std::runtime_error("pkg-fixtures " + args.front() + " failed: " + run.output);
-  while (!run.output.empty() && run.output.back() == '\n') run.output.pop_back();
-  return run.output;
+PackageRoot::PackageRoot(const std::string& family) : family(family) {
+  Fixture({family + "-root", root});
+  std::filesystem::create_directories(packages);
+  setenv(family == "deb" ? "ZELKOR_DPKG_ROOT" : "ZELKOR_RPM_ROOT", root.c_str(), 1);
+}
+
+std::string PackageRoot::Build(std::vector<std::string> args) const {
+  args.insert(args.begin(), {family, packages});
+  return Fixture(args);
+}
+
+void PackageRoot::Repo(std::vector<std::string> files) const {
+  files.insert(files.begin(), {family + "-repo", root, dir.Join("repo")});
+  Fixture(files);
+}
+
+std::vector<std::string> PackageRoot::Installed() const {
+  auto lines =
+      SplitLines(family == "deb" ? RunCommand({"dpkg-query", "--admindir=" + root + "/var/lib/dpkg", "-W",
+                                               "-f=${db:Status-Abbrev}${Package} ${Version}\n"})
+                                       .output
+                                 : RunCommand({"rpm", "--root", root, "--dbpath", "/var/lib/rpm", "-qa",
+                                               "--qf", "%{NAME} %{VERSION}-%{RELEASE}\n"})
+                                       .output);
+  std::sort(lines.begin(), lines.end());
+  return lines;
 }
 
 LockHolder::LockHolder(const std::string& path) {
   int ready[2];
-  if (pipe2(ready, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  pid_ = fork();
+  if (pipe2(ready, O_CLOEXEC) != 0 || (pid_ = fork()) < 0) throw std::runtime_error("cannot fork");
   if (pid_ == 0) {
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
     struct flock lock = {};
     lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    const char answer = fd >= 0 && fcntl(fd, F_SETLK, &lock) == 0 ? 'y' : 'n';
-    if (write(ready[1], &answer, 1) != 1 || answer != 'y') _exit(1);
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+    if (fd < 0 || fcntl(fd, F_SETLK, &lock) != 0 || write(ready[1], "y", 1) != 1) _exit(1);
     for (;;) pause();
   }
   close(ready[1]);
-  char answer = 'n';
-  const bool held = pid_ > 0 && read(ready[0], &answer, 1) == 1 && answer == 'y';
+  char answer = 0;
+  const bool held = read(ready[0], &answer, 1) == 1;
   close(ready[0]);
   if (!held) {
     Release();
@@ -127,94 +124,107 @@ LockHolder::LockHolder(const std::string& path) {
 }
 
 void LockHolder::Release() {
-  if (pid_ > 0) Reap(pid_, true);
+  if (pid_ > 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
   pid_ = -1;
 }
 
-ScriptRun::ScriptRun(const std::string& script, const std::string& package, const std::string& windowEnd,
-                     int timeoutSeconds) {
-  WriteTextFile(output, "stale output of an earlier run");
-  // The script's own temporary files go beside its output, where a file left
-  // behind shows.
-  const char* tmpdir = getenv("TMPDIR");
-  const std::string saved = tmpdir ? tmpdir : "";
-  setenv("TMPDIR", results.path().c_str(), 1);
-  run = RunCommand({script, package, output, windowEnd}, timeoutSeconds);
-  if (tmpdir) {
-    setenv("TMPDIR", saved.c_str(), 1);
-  } else {
-    unsetenv("TMPDIR");
-  }
-}
-
-std::string ScriptResult(int customExitCode, int exitCode) {
-  return "{\"customExitCode\":" + std::to_string(customExitCode) +
-         ",\"exitCode\":" + std::to_string(exitCode) + "}";
-}
-
-std::string WindowEnd(const std::string& text) {
-  if (text.empty() || (text[0] != '+' && text[0] != '-')) return text;
-  return std::to_string(std::time(nullptr) + std::stoi(text));
-}
-
-void ExpectScriptRuns(const std::vector<LogLine>& log, const std::string& script,
-                      const std::vector<std::pair<std::string, std::string>>& runs) {
-  std::vector<std::string> logged;
-  for (const auto& line : log) {
-    if (line.text.rfind("Command: " + script + " ", 0) == 0) logged.push_back(line.text);
-  }
-  ASSERT_EQ(logged.size(), runs.size());
-  for (size_t i = 0; i < logged.size(); ++i) {
-    EXPECT_EQ(logged[i].rfind("Command: " + script + " " + runs[i].first + " ", 0), 0u) << logged[i];
-    const std::string outcome = " exit code: " + runs[i].second;
-    EXPECT_EQ(logged[i].substr(logged[i].size() - std::min(logged[i].size(), outcome.size())), outcome);
-  }
-}
-
-pid_t DetachedPid(const ToolSandbox& sandbox) {
-  // ".<job>.<run>.<pid>.exit"
-  const std::string name = sandbox.ExitCodeFileName();
-  if (name.empty()) return -1;
-  const std::string stem = name.substr(0, name.size() - 5);
-  return static_cast<pid_t>(std::atoi(stem.c_str() + stem.rfind('.') + 1));
-}
-
-rapidjson::Document ReadJson(const std::string& path) {
-  rapidjson::Document document;
-  document.Parse(ReadTextFile(path).c_str());
-  return document;
-}
-
-std::vector<std::string> Strings(const rapidjson::Value& object, const char* member) {
-  std::vector<std::string> values;
-  if (!object.IsObject() || !object.HasMember(member) || !object[member].IsArray()) return values;
-  for (const auto& value : object[member].GetArray())
-    values.push_back(value.IsString() ? value.GetString() : "?");
-  return values;
-}
-
-std::vector<FailedPackage> FailedPackages(const rapidjson::Value& deploymentResult) {
-  std::vector<FailedPackage> packages;
-  if (!deploymentResult.IsObject() || !deploymentResult.HasMember("failed")) return packages;
-  for (const auto& patch : deploymentResult["failed"].GetArray()) {
-    for (const auto& package : patch["failedPackages"].GetArray()) {
-      packages.push_back({patch["id"].GetString(), package["name"].GetString(),
-                          package["exitCode"].GetInt64(), package["errorMessage"].GetString()});
+void ExpectJob(const PackageRoot& root, const std::string& lockFile, const std::vector<JobPatch>& patches) {
+  setenv("ZELKOR_DEPLOY_LOCK_WAIT", "3", 1);
+  // What each array of the result document holds, and the script runs.
+  const char* arrays[] = {"success", "alreadyInstalled", "notApplicable", "failed"};
+  std::vector<testing::Matcher<std::string>> outcomes[4];
+  std::vector<std::string> runs;
+  std::string patchesJson;
+  int exitCode = 0;
+  for (const auto& patch : patches) {
+    patchesJson +=
+        (patchesJson.empty() ? "" : ",") + PatchJson(patch.id, patch.packages, "x86_64", patch.rebootRequire);
+    const int kind = std::min(patch.customExitCode, 3);
+    if (kind < 3) outcomes[kind].push_back(patch.id);
+    const std::string exit = std::to_string(patch.exitCode);
+    for (const auto& package : patch.packages) {
+      runs.push_back(package + " exit code: " + exit +
+                     ", custom exit code: " + std::to_string(patch.customExitCode));
+      if (kind == 3)
+        outcomes[3].push_back(
+            AllOf(StartsWith(patch.id + " " + package + " " + exit + ": "), HasSubstr(patch.says)));
     }
+    // An installed patch that requires a reboot.
+    if (kind == 0 && patch.rebootRequire) exitCode = 55;
   }
-  return packages;
+  ToolSandbox sandbox;
+  sandbox.patchArgs().mutable_deploymentscriptspaths()->set_deploymentscriptpath(root.script);
+  sandbox.WriteManifest(ManifestWithPatches(patchesJson));
+
+  // The lock is let go once the first patch's script has given up; the next
+  // script waits for it to go.
+  LockHolder lock(root.root + "/" + lockFile);
+  ToolProcess tool(sandbox, {sandbox.WriteArgs()});
+  ASSERT_EQ(tool.WaitParent(), 0) << tool.parentOutput();
+  const std::string command = "Command: " + root.script + " ";
+  ASSERT_TRUE(WaitFor([&] { return HasLogPrefix(sandbox.Log(), command + patches[0].packages[0] + " "); },
+                      std::chrono::seconds(60)));
+  lock.Release();
+  ASSERT_EQ(tool.WaitChild(), exitCode) << ReadTextFile(sandbox.logPath);
+  EXPECT_EQ(sandbox.ExitCodeText(), std::to_string(exitCode));
+
+  // "Command: SCRIPT PACKAGE OUTPUT WINDOW exit code: ...", without the
+  // script, the output file and the window end.
+  std::vector<std::string> logged;
+  for (const auto& line : sandbox.Log()) {
+    if (line.text.rfind(command, 0) != 0) continue;
+    logged.push_back(std::regex_replace(line.text.substr(command.size()),
+                                        std::regex(" \\S+ \\d+ exit code: "), " exit code: "));
+  }
+  EXPECT_EQ(logged, runs);
+
+  rapidjson::Document document;
+  document.Parse(ReadTextFile(sandbox.resultDir + "/job1_7_status.json").c_str());
+  ASSERT_TRUE(document.IsObject() && document.HasMember("deploymentResult"));
+  const auto& result = document["deploymentResult"];
+  for (int i = 0; i < 4; ++i) {
+    std::vector<std::string> found;
+    for (const auto& entry : result[arrays[i]].GetArray()) {
+      if (entry.IsString()) found.push_back(entry.GetString());
+      if (!entry.IsObject()) continue;
+      for (const auto& package : entry["failedPackages"].GetArray()) {
+        found.push_back(std::string(entry["id"].GetString()) + " " + package["name"].GetString() + " " +
+                        std::to_string(package["exitCode"].GetInt64()) + ": " +
+                        package["errorMessage"].GetString());
+      }
+    }
+    EXPECT_THAT(found, testing::ElementsAreArray(outcomes[i])) << arrays[i];
+  }
 }
 
-void ExpectFailedPackages(const rapidjson::Value& deploymentResult,
-                          const std::vector<FailedPackage>& expected) {
-  const auto packages = FailedPackages(deploymentResult);
-  ASSERT_EQ(packages.size(), expected.size());
-  for (size_t i = 0; i < packages.size(); ++i) {
-    EXPECT_EQ(packages[i].patch, expected[i].patch);
-    EXPECT_EQ(packages[i].name, expected[i].name) << expected[i].patch;
-    EXPECT_EQ(packages[i].exitCode, expected[i].exitCode) << expected[i].patch;
-    EXPECT_NE(packages[i].errorMessage.find(expected[i].errorMessage), std::string::npos)
-        << expected[i].patch << ": " << packages[i].errorMessage;
+void ExpectScriptCases(const std::string& family, const std::vector<ScriptCase>& cases) {
+  setenv("ZELKOR_DEPLOY_LOCK_WAIT", "600", 1);
+  for (const auto& c : cases) {
+    const PackageRoot root(family);
+    std::unique_ptr<LockHolder> lock;
+    if (c.lockFile) lock = std::make_unique<LockHolder>(root.root + "/" + c.lockFile);
+    const std::string package = c.package(root);
+    const auto before = root.Installed();
+    const TempDir results;
+    const std::string output = results.Join("scriptOutput.json");
+    WriteTextFile(output, "stale output of an earlier run");
+    const bool relative = c.windowEnd[0] == '+' || c.windowEnd[0] == '-';
+    const std::string windowEnd =
+        relative ? std::to_string(std::time(nullptr) + std::stoi(c.windowEnd)) : c.windowEnd;
+    // The script's own temporary files go beside its output, where one left
+    // behind shows.
+    const auto run = RunCommand({"env", "TMPDIR=" + results.path(), root.script, package, output, windowEnd},
+                                c.killAfter ? c.killAfter : 30);
+    const std::string context = std::string(c.what) + ": " + run.output;
+    EXPECT_EQ(run.status, c.killAfter ? 128 + SIGKILL : 0) << context;
+    EXPECT_EQ(ReadTextFile(output), "{\"customExitCode\":" + std::to_string(c.customExitCode) +
+                                        ",\"exitCode\":" + std::to_string(c.exitCode) + "}")
+        << context;
+    EXPECT_NE(run.output.find(c.says), std::string::npos) << context;
+    EXPECT_TRUE(!lock || run.output.find("locked by pid " + std::to_string(lock->pid())) != std::string::npos)
+        << context;
+    EXPECT_EQ(ListDir(results.path()), std::vector<std::string>{"scriptOutput.json"}) << c.what;
+    EXPECT_EQ(root.Installed(), before) << c.what;
   }
 }
 

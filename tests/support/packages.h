@@ -1,13 +1,14 @@
 #pragma once
 
 // Helpers of the suites that run real package managers on sandbox roots: a
-// command runner, the fixture builder (tests/support/pkg-fixtures), a process
-// that holds a package manager's lock, and a reader of result documents.
+// command runner, a package root of the test's own with packages built by
+// tests/support/pkg-fixtures, a process that holds a package manager's lock,
+// and the two checks that both deployment scripts go through.
 
-#include <rapidjson/document.h>
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,28 +23,39 @@
 
 namespace pmtest {
 
-// The source tree's deployment scripts and fixture builder.
-std::string SourcePath(const std::string& relative);
-
 struct CommandOutput {
   int status = -1;     // exit status, 128 + n for signal n, -1 when it did not run
   std::string output;  // standard output and standard error together
 };
-// A directory mounted over another one for a single command.
-struct BindMount {
-  std::string source;
-  std::string target;
-};
+// A directory (first) mounted over another one (second) for a single command.
+using BindMount = std::pair<std::string, std::string>;
 // Runs `argv` (no shell) with the test's environment in a process group of its
 // own, waiting at most `timeoutSeconds`; a command still running then is
 // killed with its group. With `binds` (root only) the command runs in a
 // private mount namespace where each source directory stands at its target.
-CommandOutput RunCommand(const std::vector<std::string>& argv, int timeoutSeconds = 120,
+CommandOutput RunCommand(std::vector<std::string> argv, int timeoutSeconds = 120,
                          const std::vector<BindMount>& binds = {});
 
-// Runs tests/support/pkg-fixtures with `args`; its standard output without the
-// final line end. Throws when it fails, with the fixture's own words.
-std::string Fixture(const std::vector<std::string>& args);
+// A dpkg/apt (`family` "deb") or rpm/dnf ("rpm") root of the test's own, which
+// the family's deployment script reaches through ZELKOR_DPKG_ROOT or
+// ZELKOR_RPM_ROOT (the tool passes its environment on), and a directory of
+// packages built for the test.
+struct PackageRoot {
+  explicit PackageRoot(const std::string& family);
+  // Builds a package from pkg-fixtures' NAME VERSION [ARCH] [OPTION...]; its path.
+  std::string Build(std::vector<std::string> args) const;
+  // Makes `files` the content of a repository that the root's apt or dnf uses.
+  void Repo(std::vector<std::string> files) const;
+  // Every package the root's database knows, sorted: "ii name version" (the
+  // dpkg status letters first) or "name version-release".
+  std::vector<std::string> Installed() const;
+
+  const std::string family;
+  const std::string script = std::string(PM_SOURCE_DIR) + "/scripts/deploy/deploy-" + family;
+  const TempDir dir;
+  const std::string root = dir.Join("root");
+  const std::string packages = dir.Join("packages");
+};
 
 // A child process that holds a POSIX (fcntl) write lock on a file, as dpkg,
 // apt and rpm take theirs, from construction until Release() or destruction.
@@ -60,51 +72,36 @@ class LockHolder {
   pid_t pid_ = -1;
 };
 
-// A deployment script run directly, as the tool runs it, on one package with
-// a stale output file from an earlier run in place; its temporary directory
-// is the one that holds the output file.
-struct ScriptRun {
-  ScriptRun(const std::string& script, const std::string& package, const std::string& windowEnd,
-            int timeoutSeconds = 60);
-  std::string Written() const { return ReadTextFile(output); }
-
-  TempDir results;
-  std::string output = results.Join("scriptOutput.json");
-  CommandOutput run;
+// One patch of a job and what its script run on each package ends with, as
+// the tool logs "... exit code: EXIT, custom exit code: CUSTOM". A failed
+// package (CUSTOM 3 or 4) carries `says` in its error message.
+struct JobPatch {
+  std::string id;
+  std::vector<std::string> packages;
+  int exitCode, customExitCode;
+  std::string says = "";
+  bool rebootRequire = false;
 };
-// The output file's content for an outcome and an exit status.
-std::string ScriptResult(int customExitCode, int exitCode);
-// A window end: "+N" and "-N" are N seconds from now; any other text stays.
-std::string WindowEnd(const std::string& text);
+// Runs the built tool with the root's script over a job of `patches`, the
+// first of which meets `lockFile` (under the root) held by another process;
+// expects each script run in the tool's log, the final result document's
+// arrays and failed packages, and the exit-code file.
+void ExpectJob(const PackageRoot& root, const std::string& lockFile, const std::vector<JobPatch>& patches);
 
-// Expects the tool's log to show `script` run once per entry of `runs`, in
-// order, each on the package (first) ending as "EXIT, custom exit code: C"
-// (second), as the tool logs "Command: ... exit code: EXIT, ...".
-void ExpectScriptRuns(const std::vector<LogLine>& log, const std::string& script,
-                      const std::vector<std::pair<std::string, std::string>>& runs);
-
-// The pid in the name of the sandbox's exit-code file: the detached run's;
-// -1 when there is no such file.
-pid_t DetachedPid(const ToolSandbox& sandbox);
-
-// The result document at `path`, parsed; a document holding an error when the
-// file is missing or not JSON.
-rapidjson::Document ReadJson(const std::string& path);
-// The strings of an array member of `object` ("success", "alreadyInstalled",
-// ...); empty when absent.
-std::vector<std::string> Strings(const rapidjson::Value& object, const char* member);
-
-// One failed package of a result document's "failed" entries.
-struct FailedPackage {
-  std::string patch;
-  std::string name;
-  int64_t exitCode;
-  std::string errorMessage;
+// A run of the deployment script on its own, as the tool runs it, with a stale
+// output file of an earlier run in place.
+struct ScriptCase {
+  const char* what;
+  std::function<std::string(const PackageRoot&)> package;  // prepares the root, returns the argument
+  int customExitCode, exitCode;                            // what the output file must hold
+  std::string says;                                        // in the script's standard error
+  std::string windowEnd = "+600";  // "+N" and "-N" are N seconds from the run; any other text stays
+  const char* lockFile = nullptr;  // under the root, held by another process during the run
+  int killAfter = 0;               // seconds after which the script is killed, when not 0
 };
-std::vector<FailedPackage> FailedPackages(const rapidjson::Value& deploymentResult);
-// Expects exactly the failed packages in `expected`, in order, each one's
-// error message holding its `errorMessage` text.
-void ExpectFailedPackages(const rapidjson::Value& deploymentResult,
-                          const std::vector<FailedPackage>& expected);
+// Runs each case on a fresh root of `family`: the script ends as the case
+// says, leaves nothing but its whole output file behind, and the root's
+// database unchanged.
+void ExpectScriptCases(const std::string& family, const std::vector<ScriptCase>& cases);
 
 }  // namespace pmtest
