@@ -49,15 +49,6 @@ void CollectTree(pid_t pid, std::set<pid_t>& tree) {
   for (pid_t child : ChildrenOf(pid)) CollectTree(child, tree);
 }
 
-// Puts this process into a private mount namespace whose
-// /sys/fs/cgroup/systemd is `cgroupDir` and, when `runTarget` is given, whose
-// `runTarget` is `runSource`. Only system calls: it runs after fork.
-bool Isolate(const char* cgroupDir, const char* runSource, const char* runTarget) {
-  return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         mount(cgroupDir, "/sys/fs/cgroup/systemd", nullptr, MS_BIND, nullptr) == 0 &&
-         (runTarget == nullptr || mount(runSource, runTarget, nullptr, MS_BIND, nullptr) == 0);
-}
-
 std::chrono::milliseconds Left(Clock::time_point deadline) {
   return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()),
                   std::chrono::milliseconds(0));
@@ -242,23 +233,13 @@ std::string ManifestWithPatches(const std::string& patchesJson, int runId) {
          "],\"postdeployment\":{\"suppressreboots\":true}}]}";
 }
 
-bool ToolProcess::CanIsolateCgroup() {
-  static const bool possible = [] {
-    if (geteuid() != 0) return false;
-    TempDir probeDir;
-    const pid_t pid = fork();
-    if (pid == 0) _exit(Isolate(probeDir.path().c_str(), nullptr, nullptr) ? 0 : 1);
-    return pid > 0 && ReapWithin(pid, std::chrono::seconds(10)) == 0;
-  }();
-  return possible;
-}
-
 ToolProcess::ToolProcess(const ToolSandbox& sandbox, const std::vector<std::string>& toolArgs)
     : sandbox_(sandbox) {
   static const bool subreaper = prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
   const bool isolate = CanIsolateCgroup();
-  if (!subreaper || ((geteuid() == 0 || sandbox.systemdHost) && !isolate)) {
-    throw std::runtime_error("no subreaper, or no private mount namespace for the cgroup and /run/systemd");
+  if (!subreaper || (sandbox.systemdHost && !isolate)) {
+    throw std::runtime_error(
+        "no subreaper, or a systemd host without a private mount namespace (needs root)");
   }
   // The test process's own environment is the tool's: each test runs in a
   // process of its own.
@@ -269,7 +250,6 @@ ToolProcess::ToolProcess(const ToolSandbox& sandbox, const std::vector<std::stri
   std::vector<char*> argv = {const_cast<char*>(PM_TOOL_PATH)};
   for (const auto& arg : toolArgs) argv.push_back(const_cast<char*>(arg.c_str()));
   argv.push_back(nullptr);
-  const std::string cgroupDir = sandbox.cgroupDir;
   // The sandbox's stand-in for the host's /run/systemd (or, on a host that
   // has none, for /run), with system/ in it only for a systemd host. A host's
   // own /run/systemd/system thus never shows.
@@ -287,7 +267,12 @@ ToolProcess::ToolProcess(const ToolSandbox& sandbox, const std::vector<std::stri
     dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
     dup2(out[1], 1);
     dup2(out[1], 2);
-    if (isolate && !Isolate(cgroupDir.c_str(), runSource.c_str(), hideRun ? runTarget : nullptr)) _exit(120);
+    if (isolate &&
+        (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+         mount(sandbox.cgroupDir.c_str(), "/sys/fs/cgroup/systemd", nullptr, MS_BIND, nullptr) != 0 ||
+         (hideRun && mount(runSource.c_str(), runTarget, nullptr, MS_BIND, nullptr) != 0))) {
+      _exit(120);
+    }
     execv(argv[0], argv.data());
     _exit(127);
   }
