@@ -67,14 +67,23 @@ TEST(DeployE2E, StopSignalsDuringPatching) {
   }
 }
 
-// Package names reach the script as one argument each, never through a shell.
-TEST(DeployE2E, DetachedChildLeavesTheAgentTakesPackageNamesLiterallyAndRecordsItsExitCode) {
+// The run of a minimal invocation: the shortest interim period (60; 59 is
+// refused), run id 0, an interim directory that does not exist yet, and the
+// fields that are never validated absent. Its package names reach the script
+// as one argument each, never through a shell.
+TEST(DeployE2E, DetachedChildLeavesTheAgentRunsTheJobAsGivenAndRecordsItsExitCode) {
   ToolSandbox sandbox;
+  auto& patch = sandbox.patchArgs();
+  patch.clear_agentdetails();
+  patch.clear_jobrecvtime();
+  patch.set_runid(0);
+  patch.mutable_interimresultoption()->set_interimresultdir(sandbox.root.Join("later"));
+  patch.mutable_interimresultoption()->set_isinterimresultenable(true);
   const std::string marker = sandbox.root.Join("smuggled");
   const std::string hostile1 = "a;touch " + marker;
   const std::string hostile2 = "$(touch " + marker + ")";
   sandbox.WriteManifest(
-      pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {hostile1, hostile2}, "noarch", true)));
+      pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {hostile1, hostile2}, "noarch", true), 0));
   WriteGatedScript(sandbox);
   // A descriptor of the agent's that the tool inherits: once the detached
   // child holds nothing of the agent's, the read end sees end-of-file.
@@ -101,16 +110,24 @@ TEST(DeployE2E, DetachedChildLeavesTheAgentTakesPackageNamesLiterallyAndRecordsI
 
   Release(sandbox);
   EXPECT_EQ(tool.WaitChild(), 55);
-  EXPECT_EQ(sandbox.ExitCodeFileName(), ".job1.7." + std::to_string(child) + ".exit");
+  EXPECT_EQ(sandbox.ExitCodeFileName(), ".job1.0." + std::to_string(child) + ".exit");
   EXPECT_EQ(sandbox.ExitCodeText(), "55");
   if (ToolProcess::CanIsolateCgroup()) {
     EXPECT_EQ(pmtest::ReadTextFile(sandbox.cgroupDir + "/tasks"), std::to_string(child));
   }
   EXPECT_EQ(Seen(sandbox), "3|" + hostile1 + "\n3|" + hostile2 + "\n");
   EXPECT_FALSE(pmtest::PathExists(marker));
-  EXPECT_TRUE(pmtest::HasLogPrefix(sandbox.Log(), "Executing deployment command: " + sandbox.scriptPath +
-                                                      " " + hostile1 + " " + sandbox.resultDir +
-                                                      "/scriptOutput.json "));
+  const auto log = sandbox.Log();
+  EXPECT_TRUE(pmtest::HasLogPrefix(log, "Executing deployment command: " + sandbox.scriptPath + " " +
+                                            hostile1 + " " + sandbox.resultDir + "/scriptOutput.json "));
+  // The interim generator runs beside the patcher and is stopped once it is
+  // done, well before its first period.
+  for (const char* line :
+       {"Interim Result Generator Thread Started", "Shutting down InterimResultGeneratorThread",
+        "Interim Result Generator Thread exiting"}) {
+    EXPECT_TRUE(pmtest::HasLogLine(log, line, "Information")) << line;
+  }
+  EXPECT_FALSE(pmtest::HasLogLine(log, "Generating interim result"));
 }
 
 TEST(DeployE2E, FailuresAfterTheDetachEndWithTheirOwnCodeInTheExitCodeFile) {

@@ -20,19 +20,15 @@ using Lines = std::vector<std::string>;
 const std::string kStarted = "Information|Started tool execution\n";
 const std::string kValidationFailed = "Error|Argument validation failed for patch execution. Exiting.";
 
-// Sets a string field named by its dotted path; an empty value clears the
-// field (for a message field: makes it absent).
+// Sets the string field at the dotted `path` to `value`; an empty value clears
+// the field (a message field becomes absent).
 void SetField(google::protobuf::Message& message, const std::string& path, const std::string& value) {
   const auto dot = path.find('.');
   const auto* field = message.GetDescriptor()->FindFieldByName(path.substr(0, dot));
   const auto* reflection = message.GetReflection();
-  if (dot != std::string::npos) {
-    SetField(*reflection->MutableMessage(&message, field), path.substr(dot + 1), value);
-  } else if (value.empty()) {
-    reflection->ClearField(&message, field);
-  } else {
-    reflection->SetString(&message, field, value);
-  }
+  if (dot != std::string::npos)
+    return SetField(*reflection->MutableMessage(&message, field), path.substr(dot + 1), value);
+  value.empty() ? reflection->ClearField(&message, field) : reflection->SetString(&message, field, value);
 }
 
 // Every refusal ends with 46 before the detach, leaves no result, and logs
@@ -110,31 +106,6 @@ TEST(EntryE2E, EveryRefusedInvocationEndsWith46AndLogsExactlyWhy) {
     EXPECT_EQ(actual, log);
     EXPECT_TRUE(pmtest::ListDir(sandbox.resultDir).empty());
   }
-}
-
-TEST(EntryE2E, InterimIntervalOfSixtyAndFieldsNeverValidatedAreAccepted) {
-  // Sixty passes (59 is refused above), and so do the fields that are never
-  // validated, empty or absent; an enabled interim directory need not exist yet.
-  ToolSandbox sixty;
-  auto& patch = sixty.patchArgs();
-  patch.clear_agentdetails();
-  patch.clear_jobrecvtime();
-  patch.set_runid(0);
-  patch.mutable_interimresultoption()->set_interimresultdir(sixty.root.Join("later"));
-  patch.mutable_interimresultoption()->set_isinterimresultenable(true);
-  sixty.WriteManifest(pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {"a"}), 0));
-  ToolProcess tool(sixty, {sixty.WriteArgs()});
-  EXPECT_EQ(tool.WaitParent(), 0);
-  EXPECT_EQ(tool.WaitChild(), 0);
-  // The generator runs beside the patcher and is stopped once it is done,
-  // well before its first period.
-  const auto log = sixty.Log();
-  for (const char* line :
-       {"Interim Result Generator Thread Started", "Shutting down InterimResultGeneratorThread",
-        "Interim Result Generator Thread exiting"}) {
-    EXPECT_TRUE(pmtest::HasLogLine(log, line, "Information")) << line;
-  }
-  EXPECT_FALSE(pmtest::HasLogLine(log, "Generating interim result"));
 }
 
 TEST(EntryE2E, LoggingThatCannotStartEndsWith53OnStderr) {

@@ -54,10 +54,12 @@ struct PrivateBus {
 
 // systemd's manager as far as the scope needs it. It records the
 // StartTransientUnit call as "unit mode name=type:value..." (properties sorted,
-// each number of an array followed by a space, one " +aux" per auxiliary unit) and behaves as the case named
-// `scenario`: "Refused" answers with an error, "NoAnswer" never answers, "JobNeverEnds" answers but never
-// reports the job's end, "DoneBeforeTheAnswer" reports it before answering, "JobFailed" and "Done" after,
-// with that result. Each answered call also sees ends that are not the run's.
+// each number of an array followed by a space, one " +aux" per auxiliary unit)
+// and behaves as the case named `scenario`: "Refused" answers with an error,
+// "NoAnswer" never answers, "JobNeverEnds" answers but never reports the job's
+// end, "DoneBeforeTheAnswer" reports it before answering, "JobFailed" and
+// "Done" after, with that result. Each answered call also sees ends that are
+// not the run's.
 struct SystemdStandIn {
   SystemdStandIn(const std::string& address, std::string scenario) : scenario(std::move(scenario)) {
     if (sd_bus_new(&bus) < 0 || sd_bus_set_address(bus, address.c_str()) < 0 ||
@@ -189,12 +191,10 @@ TEST_P(SystemdScopeE2E, TheRunAsksForItsScopeAndEndsNormallyWhateverTheBusDoes) 
   ASSERT_EQ(tool.WaitParent(), 0) << tool.parentOutput();
   const pid_t child = tool.ChildPid();
   ASSERT_GT(child, 0);
-  // The stand-in answers while the detached run waits on it.
+  // The stand-in answers, a message at a time, while the detached run waits on it.
   ASSERT_TRUE(pmtest::WaitFor(
       [&] {
-        while (standIn && sd_bus_process(standIn->bus, nullptr) > 0) {
-        }
-        return pmtest::ProcessState(child) == 'Z';
+        return !(standIn && sd_bus_process(standIn->bus, nullptr) > 0) && pmtest::ProcessState(child) == 'Z';
       },
       60s));
   EXPECT_EQ(tool.WaitChild(), 0);
