@@ -20,14 +20,12 @@ using pmtest::ToolSandbox;
 using Lines = std::vector<std::string>;
 
 // A deployment script that adds "<number of arguments>|<package>" to the file
-// "seen" and then waits for the test to release it, so that signals land
-// while a package is running.
+// "seen" beside it and then waits for the test to release it, so that signals
+// land while a package is running.
 void WriteGatedScript(const ToolSandbox& sandbox) {
-  const std::string root = sandbox.root.path();
-  sandbox.WriteScript("printf '%s|%s\\n' \"$#\" \"$1\" >> \"" + root + "/seen\"\ni=0\nwhile [ ! -e \"" +
-                      root +
-                      "/release\" ] && [ $i -lt 600 ]; do sleep 0.05; i=$((i+1)); done\n"
-                      "echo '{\"customExitCode\":0,\"exitCode\":0}' > \"$2\"");
+  sandbox.WriteScript(R"(d=$(dirname "$0"); printf '%s|%s\n' "$#" "$1" >> "$d/seen"
+i=0; while [ ! -e "$d/release" ] && [ $i -lt 600 ]; do sleep 0.05; i=$((i+1)); done
+echo '{"customExitCode":0,"exitCode":0}' > "$2")");
 }
 
 std::string Seen(const ToolSandbox& sandbox) { return pmtest::ReadTextFile(sandbox.root.Join("seen")); }

@@ -174,9 +174,8 @@ void WriteDeploymentScript(const std::string& path, const std::string& body) {
 }
 
 ToolSandbox::ToolSandbox() {
-  for (const auto& dir : {configDir, manifestDir, resultDir, interimDir, cgroupDir}) {
+  for (const auto& dir : {configDir, manifestDir, resultDir, interimDir, cgroupDir})
     Poco::File(dir).createDirectories();
-  }
   WriteTextFile(cgroupDir + "/tasks", "");
   WriteLogConfig(configDir + "/zagent-patchmgmt-log.conf", logPath);
   WriteScript("echo '{\"customExitCode\":0,\"exitCode\":0}' > \"$2\"");
