@@ -30,17 +30,13 @@ const std::string kJobPath = "/org/freedesktop/systemd1/job/42";
 struct PrivateBus {
   explicit PrivateBus(const pmtest::TempDir& dir) {
     pmtest::WriteTextFile(dir.Join("bus.conf"),
-                          "<busconfig><listen>unix:path=" + dir.Join("bus") +
-                              "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-                              "<allow user=\"*\"/><allow own=\"*\"/>"
-                              "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                              "<allow eavesdrop=\"true\"/></policy></busconfig>");
+                          "<busconfig><listen>unix:path=" + dir.Join("bus") + R"(</listen>
+<auth>EXTERNAL</auth><policy context="default"><allow user="*"/><allow own="*"/>
+<allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/></policy></busconfig>)");
+    const Poco::Process::Args args = {"--config-file=" + dir.Join("bus.conf"), "--nofork", "--nopidfile",
+                                      "--nosyslog", "--print-address"};
     Poco::Pipe out;
-    pid = Poco::Process::launch("/usr/bin/dbus-daemon",
-                                {"--config-file=" + dir.Join("bus.conf"), "--nofork", "--nopidfile",
-                                 "--nosyslog", "--print-address"},
-                                nullptr, &out, nullptr)
-              .id();
+    pid = Poco::Process::launch("/usr/bin/dbus-daemon", args, nullptr, &out, nullptr).id();
     Poco::PipeInputStream printed(out);
     std::getline(printed, address);  // printed once the daemon listens
   }
@@ -73,18 +69,15 @@ struct SystemdStandIn {
   ~SystemdStandIn() { sd_bus_flush_close_unref(bus); }
 
   static std::string ReadCall(sd_bus_message* m) {
-    const char* unit = nullptr;
-    const char* mode = nullptr;
+    const char *unit = nullptr, *mode = nullptr;
     sd_bus_message_read(m, "ss", &unit, &mode);
     std::map<std::string, std::string> properties;
     sd_bus_message_enter_container(m, 'a', "(sv)");
     while (sd_bus_message_enter_container(m, 'r', "sv") > 0) {
-      const char* name = nullptr;
-      const char* type = nullptr;
-      const char* text = nullptr;
+      const char *name = nullptr, *type = nullptr, *text = nullptr;
       sd_bus_message_read(m, "s", &name);
       sd_bus_message_peek_type(m, nullptr, &type);
-      std::string value = std::string(type) + ":";
+      std::string& value = properties[name] = std::string(type) + ":";
       sd_bus_message_enter_container(m, 'v', type);
       if (value == "s:" && sd_bus_message_read(m, "s", &text) > 0) {
         value += text;
@@ -95,7 +88,6 @@ struct SystemdStandIn {
         sd_bus_message_skip(m, type);
       }
       sd_bus_message_exit_container(m);
-      properties[name] = value;
       sd_bus_message_exit_container(m);
     }
     std::string call = std::string(unit) + " " + mode;
