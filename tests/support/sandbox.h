@@ -129,7 +129,8 @@ std::string PatchJson(const std::string& id, const std::vector<std::string>& pac
                       const std::string& arch = "x86_64", bool rebootRequire = false);
 
 // The built tool, started as the agent starts it: stdout and stderr on one
-// pipe, ZELKOR_AGENT_CONFIG_DIR pointing at the sandbox and, when the test
+// pipe, ZELKOR_AGENT_CONFIG_DIR pointing at the sandbox,
+// DBUS_SYSTEM_BUS_ADDRESS at its `systemBus` and, when the test
 // runs as root, inside a private mount namespace whose /sys/fs/cgroup/systemd
 // is the sandbox's cgroupDir and whose /run/systemd shows the host that
 // `systemdHost` asks for. The test process is a child subreaper, so the
