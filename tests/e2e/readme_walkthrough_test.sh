@@ -21,16 +21,13 @@ awk '/^<!-- walkthrough -->$/ { on = 1 } /^<!-- \/walkthrough -->$/ { on = 0 }
 
 cd "$scratch/clone"
 export TMPDIR="$scratch/tmp" DBUS_SYSTEM_BUS_ADDRESS="unix:path=$scratch/no-bus"
-if [ "$(id -u)" -eq 0 ]; then
-  # shellcheck disable=SC2016
-  unshare --mount --propagation private -- bash -c '
+isolate=()
+# shellcheck disable=SC2016
+[ "$(id -u)" -ne 0 ] || isolate=(unshare --mount --propagation private -- bash -c '
     mount --bind "$1" /sys/fs/cgroup/systemd 2>/dev/null || true
     [ ! -d /run/systemd ] || mount --bind "$2" /run/systemd
-    exec bash -euo pipefail "$3"' _ "$scratch/cgroup" "$scratch/empty" "$scratch/walkthrough.sh" \
-    >"$scratch/output" 2>&1
-else
-  bash -euo pipefail "$scratch/walkthrough.sh" >"$scratch/output" 2>&1
-fi
+    exec "${@:3}"' _ "$scratch/cgroup" "$scratch/empty")
+"${isolate[@]}" bash -euo pipefail "$scratch/walkthrough.sh" >"$scratch/output" 2>&1
 
 status=0
 # The terminal shows the log before the detach; then the outcome.
