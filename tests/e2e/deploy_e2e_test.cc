@@ -1,11 +1,13 @@
-// Whole job runs of the built tool: detach, stop signals, exit-code file.
+// Whole job runs of the built tool: the detach, the stop signals, and the
+// failures after the detach that the agent learns of only through the
+// exit-code file.
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <memory>
 
 #include "support/sandbox.h"
 
@@ -15,75 +17,71 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 using pmtest::ToolProcess;
 using pmtest::ToolSandbox;
+using Lines = std::vector<std::string>;
 
-// A deployment script that announces each package and then waits for the
-// test to release it, so that signals land while a package is running.
+// A deployment script that adds "<number of arguments>|<package>" to the file
+// "seen" beside it and then waits for the test to release it, so that signals
+// land while a package is running.
 void WriteGatedScript(const ToolSandbox& sandbox) {
-  const std::string marks = sandbox.root.path();
-  sandbox.WriteScript("touch \"" + marks + "/$1.started\"\ni=0\nwhile [ ! -e \"" + marks +
-                      "/release\" ] && [ $i -lt 600 ]; do sleep 0.05; i=$((i+1)); done\n"
-                      "echo '{\"customExitCode\":0,\"exitCode\":0}' > \"$2\"");
+  sandbox.WriteScript(R"(d=$(dirname "$0"); printf '%s|%s\n' "$#" "$1" >> "$d/seen"
+i=0; while [ ! -e "$d/release" ] && [ $i -lt 600 ]; do sleep 0.05; i=$((i+1)); done
+echo '{"customExitCode":0,"exitCode":0}' > "$2")");
 }
 
-bool Started(const ToolSandbox& sandbox, const std::string& package) {
-  return pmtest::PathExists(sandbox.root.Join(package + ".started"));
-}
+std::string Seen(const ToolSandbox& sandbox) { return pmtest::ReadTextFile(sandbox.root.Join("seen")); }
 
 void Release(const ToolSandbox& sandbox) { pmtest::WriteTextFile(sandbox.root.Join("release"), ""); }
 
-// A three-patch job whose first package is running and held.
-struct HeldRun {
-  HeldRun() {
+TEST(DeployE2E, StopSignalsDuringPatching) {
+  const struct {
+    std::vector<int> signals;
+    bool release;  // the held package goes on to its end
+    int status;
+  } cases[] = {
+      // The held package finishes, and nothing after it starts.
+      {{SIGUSR1}, true, 57},
+      // Ignored while patching: the job runs to its end.
+      {{SIGTERM}, true, 0},
+      // After SIGUSR1 a SIGTERM ends the run at once, the package still held.
+      {{SIGUSR1, SIGTERM}, false, 57},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.signals));
+    ToolSandbox sandbox;
     sandbox.WriteManifest(pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {"p1a", "p1b"}) + "," +
                                                       pmtest::PatchJson("P2", {"p2a"}) + "," +
                                                       pmtest::PatchJson("P3", {"p3a"})));
     WriteGatedScript(sandbox);
-    tool = std::make_unique<ToolProcess>(sandbox, std::vector<std::string>{sandbox.WriteArgs()});
-    EXPECT_EQ(tool->WaitParent(), 0);
-    EXPECT_TRUE(pmtest::WaitFor([&] { return Started(sandbox, "p1a"); }, 20s));
+    ToolProcess tool(sandbox, {sandbox.WriteArgs()});
+    ASSERT_EQ(tool.WaitParent(), 0);
+    ASSERT_TRUE(pmtest::WaitFor([&] { return !Seen(sandbox).empty(); }, 20s));
+    for (int signalNumber : c.signals) ASSERT_EQ(kill(tool.ChildPid(), signalNumber), 0);
+    if (c.release) Release(sandbox);
+    EXPECT_EQ(tool.WaitChild(20s), c.status);
+    EXPECT_EQ(Seen(sandbox), c.status == 0 ? "3|p1a\n3|p1b\n3|p2a\n3|p3a\n" : "3|p1a\n");
+    EXPECT_EQ(pmtest::HasLogLine(sandbox.Log(), "[SUCCESS]: P1"), c.release);
+    EXPECT_EQ(sandbox.ExitCodeText(), c.status == 0 ? "0" : "");
+    EXPECT_EQ(pmtest::PathExists(sandbox.resultDir + "/job1_7_status.json"), c.status == 0);
   }
-  ~HeldRun() { Release(sandbox); }
-
-  void Signal(int signalNumber) { ASSERT_EQ(kill(tool->ChildPid(), signalNumber), 0); }
-
-  ToolSandbox sandbox;
-  std::unique_ptr<ToolProcess> tool;
-};
-
-TEST(DeployE2E, Sigusr1DuringTheFirstPatchLetsThePackageFinishAndStopsWith57) {
-  HeldRun run;
-  run.Signal(SIGUSR1);
-  Release(run.sandbox);
-  EXPECT_EQ(run.tool->WaitChild(), 57);
-
-  // The tool itself saw the held package to its end before it stopped.
-  EXPECT_TRUE(pmtest::HasLogPrefix(run.sandbox.Log(), "Command: " + run.sandbox.scriptPath + " p1a "));
-  EXPECT_TRUE(pmtest::HasLogLine(run.sandbox.Log(), "[SUCCESS]: P1"));
-  for (const char* package : {"p1b", "p2a", "p3a"}) EXPECT_FALSE(Started(run.sandbox, package)) << package;
-  EXPECT_EQ(run.sandbox.ExitCodeText(), "");
-  EXPECT_FALSE(pmtest::PathExists(run.sandbox.resultDir + "/job1_7_status.json"));
 }
 
-TEST(DeployE2E, SigtermDuringPatchingIsIgnoredUnlessSigusr1CameFirst) {
-  {
-    HeldRun run;
-    run.Signal(SIGTERM);
-    Release(run.sandbox);
-    EXPECT_EQ(run.tool->WaitChild(), 0);
-    EXPECT_TRUE(Started(run.sandbox, "p3a"));
-    EXPECT_EQ(run.sandbox.ExitCodeText(), "0");
-  }
-  HeldRun run;
-  run.Signal(SIGUSR1);
-  run.Signal(SIGTERM);
-  // Ends while the package is still held: the SIGTERM itself ended it.
-  EXPECT_EQ(run.tool->WaitChild(20s), 57);
-  EXPECT_FALSE(pmtest::PathExists(run.sandbox.resultDir + "/scriptOutput.json"));
-}
-
-TEST(DeployE2E, DetachedChildLeavesTheAgentAndRecordsItsExitCode) {
+// The run of a minimal invocation: the shortest interim period (60; 59 is
+// refused), run id 0, an interim directory that does not exist yet, and the
+// fields that are never validated absent. Its package names reach the script
+// as one argument each, never through a shell.
+TEST(DeployE2E, DetachedChildLeavesTheAgentRunsTheJobAsGivenAndRecordsItsExitCode) {
   ToolSandbox sandbox;
-  sandbox.WriteManifest(pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {"kernel"}, "noarch", true)));
+  auto& patch = sandbox.patchArgs();
+  patch.clear_agentdetails();
+  patch.clear_jobrecvtime();
+  patch.set_runid(0);
+  patch.mutable_interimresultoption()->set_interimresultdir(sandbox.root.Join("later"));
+  patch.mutable_interimresultoption()->set_isinterimresultenable(true);
+  const std::string marker = sandbox.root.Join("smuggled");
+  const std::string hostile1 = "a;touch " + marker;
+  const std::string hostile2 = "$(touch " + marker + ")";
+  sandbox.WriteManifest(
+      pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {hostile1, hostile2}, "noarch", true), 0));
   WriteGatedScript(sandbox);
   // A descriptor of the agent's that the tool inherits: once the detached
   // child holds nothing of the agent's, the read end sees end-of-file.
@@ -95,7 +93,7 @@ TEST(DeployE2E, DetachedChildLeavesTheAgentAndRecordsItsExitCode) {
   // The agent reads the tool's stdout and stderr to end-of-file: that
   // returns while the job is still running.
   ASSERT_EQ(tool.WaitParent(), 0);
-  ASSERT_TRUE(pmtest::WaitFor([&] { return Started(sandbox, "kernel"); }, 20s));
+  ASSERT_TRUE(pmtest::WaitFor([&] { return !Seen(sandbox).empty(); }, 20s));
   const pid_t child = tool.ChildPid();
   ASSERT_GT(child, 0);
   EXPECT_EQ(kill(child, 0), 0) << "the job is still running";
@@ -110,30 +108,73 @@ TEST(DeployE2E, DetachedChildLeavesTheAgentAndRecordsItsExitCode) {
 
   Release(sandbox);
   EXPECT_EQ(tool.WaitChild(), 55);
-  EXPECT_EQ(sandbox.ExitCodeFileName(), ".job1.7." + std::to_string(child) + ".exit");
+  EXPECT_EQ(sandbox.ExitCodeFileName(), ".job1.0." + std::to_string(child) + ".exit");
   EXPECT_EQ(sandbox.ExitCodeText(), "55");
   if (ToolProcess::CanIsolateCgroup()) {
     EXPECT_EQ(pmtest::ReadTextFile(sandbox.cgroupDir + "/tasks"), std::to_string(child));
   }
+  EXPECT_EQ(Seen(sandbox), "3|" + hostile1 + "\n3|" + hostile2 + "\n");
+  EXPECT_FALSE(pmtest::PathExists(marker));
+  const auto log = sandbox.Log();
+  EXPECT_TRUE(pmtest::HasLogPrefix(log, "Executing deployment command: " + sandbox.scriptPath + " " +
+                                            hostile1 + " " + sandbox.resultDir + "/scriptOutput.json "));
+  // The interim generator runs beside the patcher and is stopped once it is
+  // done, well before its first period.
+  for (const char* line :
+       {"Interim Result Generator Thread Started", "Shutting down InterimResultGeneratorThread",
+        "Interim Result Generator Thread exiting"}) {
+    EXPECT_TRUE(pmtest::HasLogLine(log, line, "Information")) << line;
+  }
+  EXPECT_FALSE(pmtest::HasLogLine(log, "Generating interim result"));
 }
 
-TEST(DeployE2E, PackageNamesReachTheScriptAsOneLiteralArgument) {
-  ToolSandbox sandbox;
-  const std::string marker = sandbox.root.Join("smuggled");
-  const std::string hostile1 = "a;touch " + marker;
-  const std::string hostile2 = "$(touch " + marker + ")";
-  sandbox.WriteManifest(pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {hostile1, hostile2})));
-  const std::string seen = sandbox.root.Join("seen");
-  sandbox.WriteScript("printf '%s|%s\\n' \"$#\" \"$1\" >> \"" + seen +
-                      "\"\necho '{\"customExitCode\":0,\"exitCode\":0}' > \"$2\"");
-  ToolProcess tool(sandbox, {sandbox.WriteArgs()});
-  ASSERT_EQ(tool.WaitParent(), 0);
-  ASSERT_EQ(tool.WaitChild(), 0);
-  EXPECT_EQ(pmtest::ReadTextFile(seen), "3|" + hostile1 + "\n3|" + hostile2 + "\n");
-  EXPECT_FALSE(pmtest::PathExists(marker));
-  EXPECT_TRUE(pmtest::HasLogPrefix(sandbox.Log(), "Executing deployment command: " + sandbox.scriptPath +
-                                                      " " + hostile1 + " " + sandbox.resultDir +
-                                                      "/scriptOutput.json "));
+TEST(DeployE2E, FailuresAfterTheDetachEndWithTheirOwnCodeInTheExitCodeFile) {
+  // The run the tool is started for (job1/7) is missing: job1 is there with
+  // another run id, and job1/7 belongs to a job of another type, which the
+  // parser drops.
+  std::string otherRun = pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {"pkg-a"}), 8);
+  otherRun.insert(
+      otherRun.rfind(']'),
+      R"(,{"id":"job1","runid":7,"type":"UNINSTALL","isimmediate":true,"datetime":"x","timeout":1,)"
+      R"("continueafterpackagefailedforpatch":true,"patches":[],"postdeployment":{"suppressreboots":true}})");
+  const std::string manifest = "$ROOT/manifests/manifest1.json";
+  const std::string parseFailed = "\nFailed to parse deployment manifest: " + manifest;
+  const struct {
+    int status;
+    bool documentBlocked;  // a directory stands at the final document's path
+    std::string manifest;  // "" for no manifest file at all
+    std::string errors;    // every error line, $ROOT for the sandbox
+  } cases[] = {
+      {45, false, "[]", "[Patch]:Not valid json document for Deployemnt manifest json." + parseFailed},
+      {45, false, R"({"schemaversion": 1, "jobs": []})",
+       "[Patch]:Failed to find integer field schemaversion in deployement manifest" + parseFailed},
+      {45, false, "",
+       "[Patch]:Failed to open file: " + manifest + ", error: No such file or directory\n" +
+           "[Patch]:Error in reading manifest file content: " + manifest + parseFailed},
+      {62, false, otherRun, "Failed to find jobId: job1"},
+      // The document's failure overrides the patcher's 55 (a reboot is due).
+      {49, true, pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {"pkg"}, "x86_64", true)),
+       "Failed to write result in file: $ROOT/results/job1_7_status.json error :Is a directory"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.manifest.substr(0, 40));
+    ToolSandbox sandbox;
+    if (!c.manifest.empty()) sandbox.WriteManifest(c.manifest);
+    const std::string document = sandbox.resultDir + "/job1_7_status.json";
+    ASSERT_TRUE(!c.documentBlocked || ::mkdir(document.c_str(), 0700) == 0);
+    ToolProcess tool(sandbox, {sandbox.WriteArgs()});
+    EXPECT_EQ(tool.WaitParent(), 0);
+    EXPECT_EQ(tool.WaitChild(), c.status);
+    EXPECT_EQ(sandbox.ExitCodeText(), std::to_string(c.status));
+    EXPECT_EQ(pmtest::PathExists(document), c.documentBlocked);
+    std::string errors;
+    for (auto line : sandbox.Log()) {
+      const auto at = line.text.find(sandbox.root.path());
+      if (at != std::string::npos) line.text.replace(at, sandbox.root.path().size(), "$ROOT");
+      if (line.priority == "Error") errors += (errors.empty() ? "" : "\n") + line.text;
+    }
+    EXPECT_EQ(errors, c.errors);
+  }
 }
 
 }  // namespace

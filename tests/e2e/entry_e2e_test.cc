@@ -1,5 +1,5 @@
-// The tool's entry as the agent sees it: exit statuses, the exact log lines of
-// every refused invocation, and the stop signals before patching is armed.
+// The tool's entry as the agent sees it: exit statuses, the exact log of every
+// refused invocation, and the stop signals before patching is armed.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <utility>
 
 #include "support/sandbox.h"
 
@@ -16,190 +17,112 @@ using pmtest::ToolProcess;
 using pmtest::ToolSandbox;
 using Lines = std::vector<std::string>;
 
-const std::string kValidationFailed = "Argument validation failed for patch execution. Exiting.";
-const std::string kIntervalRefused = "Interim result interval must be greater than 60.";
-const std::string kUsage = std::string("Usage: ") + PM_TOOL_PATH + " <arg file name>";
+const std::string kStarted = "Information|Started tool execution\n";
+const std::string kValidationFailed = "Error|Argument validation failed for patch execution. Exiting.";
 
-struct Outcome {
-  int status;
-  std::vector<pmtest::LogLine> log;
-  Lines errors;
-  std::string output;
-};
-
-Outcome RunTool(const ToolSandbox& sandbox, const Lines& toolArgs) {
-  ToolProcess tool(sandbox, toolArgs);
-  Outcome outcome{tool.WaitParent(), sandbox.Log(), {}, tool.parentOutput()};
-  for (const auto& line : outcome.log) {
-    if (line.priority == "Error") outcome.errors.push_back(line.text);
-  }
-  return outcome;
-}
-
-Outcome RunWithArgs(const ToolSandbox& sandbox) { return RunTool(sandbox, {sandbox.WriteArgs()}); }
-
-// Sets a string field named by its dotted path; an empty value clears the
-// field (for a message field: makes it absent).
+// Sets the string field at the dotted `path` to `value`; an empty value clears
+// the field (a message field becomes absent).
 void SetField(google::protobuf::Message& message, const std::string& path, const std::string& value) {
   const auto dot = path.find('.');
   const auto* field = message.GetDescriptor()->FindFieldByName(path.substr(0, dot));
   const auto* reflection = message.GetReflection();
-  if (dot != std::string::npos) {
-    SetField(*reflection->MutableMessage(&message, field), path.substr(dot + 1), value);
-  } else if (value.empty()) {
-    reflection->ClearField(&message, field);
-  } else {
-    reflection->SetString(&message, field, value);
-  }
+  if (dot != std::string::npos)
+    return SetField(*reflection->MutableMessage(&message, field), path.substr(dot + 1), value);
+  value.empty() ? reflection->ClearField(&message, field) : reflection->SetString(&message, field, value);
 }
 
-std::string WithRoot(std::string text, const ToolSandbox& sandbox) {
-  const auto at = text.find("$ROOT");
-  return at == std::string::npos ? text : text.replace(at, 5, sandbox.root.path());
-}
-
-TEST(EntryE2E, EachValidationFailureEndsWithItsOwnLineOrNone) {
-  struct Case {
-    const char* field;
-    const char* value;
-    const char* line;  // "" when the check is silent
+// Every refusal ends with 46 before the detach, leaves no result, and logs
+// exactly why: the whole log, as "priority|text" lines, is checked.
+TEST(EntryE2E, EveryRefusedInvocationEndsWith46AndLogsExactlyWhy) {
+  ToolSandbox sandbox;
+  pmtest::WriteTextFile(sandbox.root.Join("plain"), "not a directory");
+  const std::string args = sandbox.WriteArgs();
+  const std::string usage = kStarted + "Error|Usage: " + PM_TOOL_PATH + " <arg file name>";
+  std::vector<std::pair<Lines, std::string>> cases = {{{}, usage}, {{args, args}, usage}};
+  // An argument file that loads and is then refused with `errors`.
+  const auto loaded = [&](const std::string& name, const std::string& errors) {
+    cases.push_back(
+        {{sandbox.WriteArgs(name)},
+         kStarted + "Debug|Patch arguments recv to tool:\n" + sandbox.args.DebugString() + "\n" + errors});
   };
-  const Case cases[] = {
+  const struct {
+    const char* field;
+    std::string path;  // in the sandbox; "" clears the field
+    std::string line;  // followed by the path; "" when the check is silent
+  } validation[] = {
       {"vendorID", "", "VendorId is empty"},
       {"jobID", "", "job ID is empty"},
       {"manifestID", "", "manifest ID is empty"},
       {"manifestDirectoryPath", "", "manifest Directory is empty"},
       {"resultDirectory", "", "result Directory is empty"},
-      {"manifestDirectoryPath", "$ROOT/gone", "directory path not exist: $ROOT/gone"},
-      {"resultDirectory", "$ROOT/plain", "directory path not exist: $ROOT/plain"},
+      {"manifestDirectoryPath", "/gone", "directory path not exist: "},
+      {"resultDirectory", "/plain", "directory path not exist: "},
       {"statusDBPath", "", "Status DB FilePath is empty"},
       {"ahsMessageDir", "", ""},
       {"deploymentScriptsPaths", "", ""},
       {"deploymentScriptsPaths.deploymentScriptPath", "", ""},
-      {"deploymentScriptsPaths.deploymentScriptPath", "$ROOT/ahs", "file path not exist: $ROOT/ahs"},
+      {"deploymentScriptsPaths.deploymentScriptPath", "/ahs", "file path not exist: "},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.field) + "=" + c.value);
-    ToolSandbox sandbox;
-    pmtest::WriteTextFile(sandbox.root.Join("plain"), "not a directory");
-    SetField(sandbox.patchArgs(), c.field, WithRoot(c.value, sandbox));
-    Outcome outcome = RunWithArgs(sandbox);
-    EXPECT_EQ(outcome.status, 46);
-    Lines expected = {kValidationFailed};
-    if (*c.line != '\0') expected.insert(expected.begin(), WithRoot(c.line, sandbox));
-    EXPECT_EQ(outcome.errors, expected);
-    EXPECT_TRUE(pmtest::HasLogLine(outcome.log,
-                                   "Patch arguments recv to tool:\n" + sandbox.args.DebugString(), "Debug"));
-    EXPECT_TRUE(pmtest::ListDir(sandbox.resultDir).empty());
+  const pmtest::pb::CommandlineArguments valid = sandbox.args;
+  for (const auto& c : validation) {
+    const std::string path = c.path.empty() ? "" : sandbox.root.path() + c.path;
+    SetField(sandbox.patchArgs(), c.field, path);
+    loaded(c.field + std::to_string(cases.size()),
+           (c.line.empty() ? "" : "Error|" + c.line + path + "\n") + kValidationFailed);
+    sandbox.args = valid;
   }
-}
-
-TEST(EntryE2E, UnusableArgumentFilesAreRefused) {
-  ToolSandbox sandbox;
-  const std::string missing = sandbox.root.Join("missing.bin");
-  const std::string noAccess = sandbox.WriteArgs("no-access.bin");
-  chmod(noAccess.c_str(), 0);
-  // A varint that never ends: no protobuf reader accepts it.
-  const std::string garbage = sandbox.root.Join("garbage.bin");
-  pmtest::WriteTextFile(garbage, std::string(64, '\xff'));
-  const std::string empty = sandbox.root.Join("empty.bin");
-  pmtest::WriteTextFile(empty, "");
-  const std::string caller = "Error in deserializing protobuf format input file: ";
-
-  std::vector<std::pair<std::string, Lines>> cases = {
-      {missing,
-       {"Failed to open protobuf file: " + missing + " error: No such file or directory", caller + missing}},
-      {garbage, {"Error in deserializing protobuf file: " + garbage, caller + garbage}},
-      // An empty file is a valid message with every field empty.
-      {empty, {"VendorId is empty", kValidationFailed}},
-  };
-  if (geteuid() != 0) {  // root reads a file whatever its mode
-    cases.push_back(
-        {noAccess,
-         {"Failed to open protobuf file: " + noAccess + " error: Permission denied", caller + noAccess}});
-  }
-  for (const auto& [path, lines] : cases) {
-    SCOPED_TRACE(path);
-    std::remove(sandbox.logPath.c_str());
-    Outcome outcome = RunTool(sandbox, {path});
-    EXPECT_EQ(outcome.status, 46);
-    EXPECT_EQ(outcome.errors, lines);
-    EXPECT_TRUE(pmtest::ListDir(sandbox.resultDir).empty());
-  }
-}
-
-TEST(EntryE2E, WrongInvocationLogsUsage) {
-  ToolSandbox sandbox;
-  const std::string args = sandbox.WriteArgs();
-  for (const Lines& toolArgs : {Lines{}, Lines{args, args}}) {
-    std::remove(sandbox.logPath.c_str());
-    Outcome outcome = RunTool(sandbox, toolArgs);
-    EXPECT_EQ(outcome.status, 46);
-    EXPECT_EQ(outcome.log.size(), 2u) << "started, then the usage";
-    EXPECT_EQ(outcome.errors, Lines{kUsage});
-  }
-
-  std::remove(sandbox.logPath.c_str());
+  auto& interim = *sandbox.patchArgs().mutable_interimresultoption();
+  interim.set_interimresultgeneratetimeinseconds(59);
+  loaded("interval59", "Error|Interim result interval must be greater than 60.");
+  interim.set_isinterimresultenable(true);
+  loaded("interval59-enabled", "Error|Interim result interval must be greater than 60.");
   sandbox.args.set_operationtype(pmtest::pb::CommandlineArguments::INVALID);
-  Outcome outcome = RunWithArgs(sandbox);
-  EXPECT_EQ(outcome.status, 46);
-  EXPECT_EQ(outcome.errors, Lines{kUsage});
-  EXPECT_FALSE(pmtest::HasLogPrefix(outcome.log, "Patch arguments recv to tool:"));
-}
+  cases.push_back({{sandbox.WriteArgs("invalid")}, usage});
+  // An empty file is a valid message with every field empty.
+  sandbox.args.Clear();
+  loaded("empty", "Error|VendorId is empty\n" + kValidationFailed);
 
-TEST(EntryE2E, InterimIntervalOfSixtyIsTheShortestAccepted) {
-  for (bool enabled : {false, true}) {
-    ToolSandbox sandbox;
-    sandbox.patchArgs().mutable_interimresultoption()->set_isinterimresultenable(enabled);
-    sandbox.patchArgs().mutable_interimresultoption()->set_interimresultgeneratetimeinseconds(59);
-    Outcome outcome = RunWithArgs(sandbox);
-    EXPECT_EQ(outcome.status, 46);
-    EXPECT_EQ(outcome.errors, Lines{kIntervalRefused});
+  const std::string missing = sandbox.root.Join("missing");
+  const std::string garbage = sandbox.root.Join("garbage");
+  pmtest::WriteTextFile(garbage, std::string(64, '\xff'));  // a varint that never ends
+  const std::string noAccess = sandbox.WriteArgs("no-access");
+  chmod(noAccess.c_str(), 0);
+  const std::string cannotOpen = kStarted + "Error|Failed to open protobuf file: ";
+  const std::string caller = "\nError|Error in deserializing protobuf format input file: ";
+  cases.push_back({{missing}, cannotOpen + missing + " error: No such file or directory" + caller + missing});
+  cases.push_back(
+      {{garbage}, kStarted + "Error|Error in deserializing protobuf file: " + garbage + caller + garbage});
+  if (geteuid() != 0) {  // root reads a file whatever its mode
+    cases.push_back({{noAccess}, cannotOpen + noAccess + " error: Permission denied" + caller + noAccess});
+  }
+  for (const auto& [toolArgs, log] : cases) {
+    SCOPED_TRACE(toolArgs.empty() ? "no argument" : toolArgs.back());
+    std::remove(sandbox.logPath.c_str());
+    ToolProcess tool(sandbox, toolArgs);
+    EXPECT_EQ(tool.WaitParent(), 46);
+    std::string actual;
+    for (const auto& line : sandbox.Log())
+      actual += (actual.empty() ? "" : "\n") + line.priority + "|" + line.text;
+    EXPECT_EQ(actual, log);
     EXPECT_TRUE(pmtest::ListDir(sandbox.resultDir).empty());
   }
-  // Sixty passes, and so do the fields that are never validated, empty or
-  // absent; an enabled interim directory need not exist yet.
-  ToolSandbox sixty;
-  sixty.patchArgs().clear_agentdetails();
-  sixty.patchArgs().clear_jobrecvtime();
-  sixty.patchArgs().set_runid(0);
-  sixty.patchArgs().mutable_interimresultoption()->set_interimresultdir(sixty.root.Join("later"));
-  sixty.patchArgs().mutable_interimresultoption()->set_isinterimresultenable(true);
-  std::string manifest = pmtest::ManifestWithPatches(pmtest::PatchJson("P1", {"a"}));
-  sixty.WriteManifest(manifest.replace(manifest.find("\"runid\":7"), 9, "\"runid\":0"));
-  ToolProcess tool(sixty, {sixty.WriteArgs()});
-  EXPECT_EQ(tool.WaitParent(), 0);
-  EXPECT_EQ(tool.WaitChild(), 0);
-  const auto log = sixty.Log();
-  EXPECT_FALSE(pmtest::HasLogLine(log, kIntervalRefused));
-  EXPECT_FALSE(pmtest::HasLogLine(log, kValidationFailed));
-  // The generator runs beside the patcher and is stopped once it is done,
-  // well before its first period.
-  for (const char* line :
-       {"Interim Result Generator Thread Started", "Shutting down InterimResultGeneratorThread",
-        "Interim Result Generator Thread exiting"}) {
-    EXPECT_TRUE(pmtest::HasLogLine(log, line, "Information")) << line;
-  }
-  EXPECT_FALSE(pmtest::HasLogLine(log, "Generating interim result"));
 }
 
 TEST(EntryE2E, LoggingThatCannotStartEndsWith53OnStderr) {
-  ToolSandbox missing;
-  const std::string config = missing.configDir + "/zagent-patchmgmt-log.conf";
-  ASSERT_EQ(std::remove(config.c_str()), 0);
-  Outcome outcome = RunWithArgs(missing);
-  EXPECT_EQ(outcome.status, 53);
-  EXPECT_EQ(outcome.output, "Error: Log config file : " + config + " doesn't exit\n");
-  EXPECT_FALSE(pmtest::PathExists(missing.logPath));
-
-  ToolSandbox broken;
-  pmtest::WriteTextFile(broken.configDir + "/zagent-patchmgmt-log.conf",
-                        "logging.channels.file.class = NoSuchChannel\n"
-                        "logging.loggers.tool.name = zelkor-patchmgmt-tool\n"
-                        "logging.loggers.tool.channel = file\n");
-  outcome = RunWithArgs(broken);
-  EXPECT_EQ(outcome.status, 53);
-  EXPECT_EQ(outcome.output, "Error: Logger initialization failed\n");
+  for (const bool missing : {true, false}) {
+    ToolSandbox sandbox;
+    const std::string config = sandbox.configDir + "/zagent-patchmgmt-log.conf";
+    pmtest::WriteTextFile(
+        config,
+        "logging.channels.file.class = NoSuchChannel\n"
+        "logging.loggers.tool.name = zelkor-patchmgmt-tool\nlogging.loggers.tool.channel = file\n");
+    if (missing) std::remove(config.c_str());
+    ToolProcess tool(sandbox, {sandbox.WriteArgs()});
+    EXPECT_EQ(tool.WaitParent(), 53);
+    EXPECT_EQ(tool.parentOutput(), missing ? "Error: Log config file : " + config + " doesn't exit\n"
+                                           : "Error: Logger initialization failed\n");
+    EXPECT_FALSE(pmtest::PathExists(sandbox.logPath));
+  }
 }
 
 // An argument file that is a FIFO holds the tool inside loading, its signal

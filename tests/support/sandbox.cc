@@ -1,8 +1,8 @@
 #include "support/sandbox.h"
 
-#include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <fcntl.h>
+#include <google/protobuf/text_format.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
@@ -18,7 +18,6 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -48,26 +47,6 @@ int ReapWithin(pid_t pid, std::chrono::milliseconds timeout) {
 void CollectTree(pid_t pid, std::set<pid_t>& tree) {
   if (!tree.insert(pid).second) return;
   for (pid_t child : ChildrenOf(pid)) CollectTree(child, tree);
-}
-
-// The test's environment with `sandbox.environment` on top. A run reaches a
-// system bus only when its test names one.
-std::vector<std::string> ToolEnvironment(const ToolSandbox& sandbox) {
-  std::map<std::string, std::string> byName;
-  const auto add = [&](const std::string& entry) { byName[entry.substr(0, entry.find('='))] = entry; };
-  for (char** entry = environ; *entry != nullptr; ++entry) add(*entry);
-  add("DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + sandbox.root.Join("no-system-bus"));
-  for (const auto& entry : sandbox.environment) add(entry);
-  std::vector<std::string> entries;
-  for (const auto& [name, entry] : byName) entries.push_back(entry);
-  return entries;
-}
-
-std::vector<char*> Pointers(std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  for (auto& text : texts) pointers.push_back(text.data());
-  pointers.push_back(nullptr);
-  return pointers;
 }
 
 std::chrono::milliseconds Left(Clock::time_point deadline) {
@@ -123,10 +102,9 @@ std::vector<std::string> SplitLines(const std::string& text) {
 
 std::vector<std::string> ListDir(const std::string& path) {
   std::vector<std::string> names;
-  try {
-    Poco::File(path).list(names);
-  } catch (const Poco::Exception&) {
-  }
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(path, error))
+    names.push_back(entry.path().filename());
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -196,31 +174,24 @@ void WriteDeploymentScript(const std::string& path, const std::string& body) {
 }
 
 ToolSandbox::ToolSandbox() {
-  for (const auto& dir : {configDir, manifestDir, resultDir, interimDir, cgroupDir}) {
+  for (const auto& dir : {configDir, manifestDir, resultDir, interimDir, cgroupDir})
     Poco::File(dir).createDirectories();
-  }
   WriteTextFile(cgroupDir + "/tasks", "");
   WriteLogConfig(configDir + "/zagent-patchmgmt-log.conf", logPath);
   WriteScript("echo '{\"customExitCode\":0,\"exitCode\":0}' > \"$2\"");
 
+  google::protobuf::TextFormat::ParseFromString(
+      "patchArgs { vendorID: 'v1' jobID: 'job1' runID: 7 manifestID: 'manifest1'"
+      " agentDetails { architecture: 'x86_64' agentVersion: '1.2.3' } jobRecvTime: '2026-11-22T10:00:00.000Z'"
+      " interimResultOption { interimResultGenerateTimeInSeconds: 60 } }",
+      &args);
   auto& patch = patchArgs();
-  patch.set_vendorid("v1");
-  patch.set_jobid("job1");
-  patch.set_runid(7);
-  patch.set_manifestid("manifest1");
   patch.set_manifestdirectorypath(manifestDir);
   patch.set_statusdbpath(root.Join("status.db"));
   patch.set_ahsmessagedir(root.Join("ahs"));
-  auto* agent = patch.mutable_agentdetails();
-  agent->set_architecture("x86_64");
-  agent->set_agentversion("1.2.3");
   patch.set_resultdirectory(resultDir);
-  auto* interim = patch.mutable_interimresultoption();
-  interim->set_isinterimresultenable(false);
-  interim->set_interimresultdir(interimDir);
-  interim->set_interimresultgeneratetimeinseconds(60);
+  patch.mutable_interimresultoption()->set_interimresultdir(interimDir);
   patch.mutable_deploymentscriptspaths()->set_deploymentscriptpath(scriptPath);
-  patch.set_jobrecvtime("2026-11-22T10:00:00.000Z");
 }
 
 std::string ToolSandbox::WriteArgs(const std::string& name) const {
@@ -253,63 +224,40 @@ std::string PatchJson(const std::string& id, const std::vector<std::string>& pac
          list + "]}]}],\"rebootrequire\":" + (rebootRequire ? "true" : "false") + "}";
 }
 
-std::string ManifestWithPatches(const std::string& patchesJson) {
-  return "{\"schemaversion\":1,\"manifestinstanceid\":42,\"jobs\":[{\"id\":\"job1\",\"runid\":7,"
-         "\"type\":\"INSTALL\",\"isimmediate\":true,\"datetime\":\"" +
+std::string ManifestWithPatches(const std::string& patchesJson, int runId) {
+  return "{\"schemaversion\":1,\"manifestinstanceid\":42,\"jobs\":[{\"id\":\"job1\",\"runid\":" +
+         std::to_string(runId) + ",\"type\":\"INSTALL\",\"isimmediate\":true,\"datetime\":\"" +
          patchmgmt::FormatUtcSeconds(std::time(nullptr)) +
          "\",\"timeout\":60,\"continueafterpackagefailedforpatch\":false,\"patches\":[" + patchesJson +
          "],\"postdeployment\":{\"suppressreboots\":true}}]}";
-}
-
-bool ToolProcess::CanIsolateCgroup() {
-  static const bool possible = [] {
-    if (geteuid() != 0) return false;
-    TempDir probeDir;
-    const pid_t pid = fork();
-    if (pid == 0) {
-      _exit(unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                    mount(probeDir.path().c_str(), "/sys/fs/cgroup/systemd", nullptr, MS_BIND, nullptr) == 0
-                ? 0
-                : 1);
-    }
-    return pid > 0 && ReapWithin(pid, std::chrono::seconds(10)) == 0;
-  }();
-  return possible;
 }
 
 ToolProcess::ToolProcess(const ToolSandbox& sandbox, const std::vector<std::string>& toolArgs)
     : sandbox_(sandbox) {
   static const bool subreaper = prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
   const bool isolate = CanIsolateCgroup();
-  if (!subreaper || (geteuid() == 0 && !isolate)) {
-    throw std::runtime_error("no subreaper, or root without a private mount namespace for the cgroup");
-  }
-  if (sandbox.systemdHost && !isolate) {
-    throw std::runtime_error("a systemd host needs a private mount namespace");
+  if (!subreaper || (sandbox.systemdHost && !isolate)) {
+    throw std::runtime_error(
+        "no subreaper, or a systemd host without a private mount namespace (needs root)");
   }
   // The test process's own environment is the tool's: each test runs in a
   // process of its own.
   setenv("ZELKOR_AGENT_CONFIG_DIR", sandbox.configDir.c_str(), 1);
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", sandbox.systemBus.c_str(), 1);
   unsetenv("ZELKOR_AGENT_CPU_LIMIT");
   // Everything the child needs is built before fork: after it, only system calls.
-  std::vector<std::string> argvText = {PM_TOOL_PATH};
-  argvText.insert(argvText.end(), toolArgs.begin(), toolArgs.end());
-  const std::vector<char*> argv = Pointers(argvText);
-  std::vector<std::string> envText = ToolEnvironment(sandbox);
-  const std::vector<char*> envp = Pointers(envText);
-  const std::string cgroupDir = sandbox.cgroupDir;
+  std::vector<char*> argv = {const_cast<char*>(PM_TOOL_PATH)};
+  for (const auto& arg : toolArgs) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
   // The sandbox's stand-in for the host's /run/systemd (or, on a host that
   // has none, for /run), with system/ in it only for a systemd host. A host's
   // own /run/systemd/system thus never shows.
-  std::string runSource;
-  std::string runTarget;
-  if (isolate && (sandbox.systemdHost || PathExists("/run/systemd/system"))) {
-    const std::string run = sandbox.root.Join("run");
-    Poco::File(run + (sandbox.systemdHost ? "/systemd/system" : "/systemd")).createDirectories();
-    const bool hostHasRunSystemd = PathExists("/run/systemd");
-    runSource = hostHasRunSystemd ? run + "/systemd" : run;
-    runTarget = hostHasRunSystemd ? "/run/systemd" : "/run";
-  }
+  const bool hostRunSystemd = PathExists("/run/systemd");
+  const bool hideRun = isolate && (sandbox.systemdHost || PathExists("/run/systemd/system"));
+  const std::string run = sandbox.root.Join("run");
+  const std::string runSource = hostRunSystemd ? run + "/systemd" : run;
+  const char* runTarget = hostRunSystemd ? "/run/systemd" : "/run";
+  if (hideRun) Poco::File(run + (sandbox.systemdHost ? "/systemd/system" : "/systemd")).createDirectories();
   int out[2];
   if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
 
@@ -320,12 +268,11 @@ ToolProcess::ToolProcess(const ToolSandbox& sandbox, const std::vector<std::stri
     dup2(out[1], 2);
     if (isolate &&
         (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-         mount(cgroupDir.c_str(), "/sys/fs/cgroup/systemd", nullptr, MS_BIND, nullptr) != 0 ||
-         (!runTarget.empty() &&
-          mount(runSource.c_str(), runTarget.c_str(), nullptr, MS_BIND, nullptr) != 0))) {
+         mount(sandbox.cgroupDir.c_str(), "/sys/fs/cgroup/systemd", nullptr, MS_BIND, nullptr) != 0 ||
+         (hideRun && mount(runSource.c_str(), runTarget, nullptr, MS_BIND, nullptr) != 0))) {
       _exit(120);
     }
-    execve(argv[0], argv.data(), envp.data());
+    execv(argv[0], argv.data());
     _exit(127);
   }
   close(out[1]);
@@ -344,13 +291,11 @@ ToolProcess::~ToolProcess() {
 
 int ToolProcess::WaitParent(std::chrono::seconds timeout) {
   const auto deadline = Clock::now() + timeout;
-  while (outputFd_ >= 0) {
+  for (char buffer[4096]; outputFd_ >= 0;) {
     pollfd fd = {outputFd_, POLLIN, 0};
     const int ready = poll(&fd, 1, static_cast<int>(Left(deadline).count()));
     if (ready == 0) return -1;
-    if (ready < 0) continue;
-    char buffer[4096];
-    const ssize_t n = read(outputFd_, buffer, sizeof buffer);
+    const ssize_t n = ready < 0 ? -1 : read(outputFd_, buffer, sizeof buffer);
     if (n > 0) {
       output_.append(buffer, static_cast<size_t>(n));
     } else if (n == 0 || errno != EINTR) {
@@ -361,18 +306,16 @@ int ToolProcess::WaitParent(std::chrono::seconds timeout) {
   return ReapWithin(parentPid_, Left(deadline));
 }
 
-pid_t ToolProcess::ChildPid() {
+pid_t ToolProcess::ChildPid() const {
   // ".<job>.<run>.<pid>.exit": the pid is the last field before ".exit".
   const std::string name = sandbox_.ExitCodeFileName();
-  if (childPid_ <= 0 && !name.empty()) {
-    const std::string stem = name.substr(0, name.size() - 5);
-    childPid_ = static_cast<pid_t>(std::atoi(stem.c_str() + stem.rfind('.') + 1));
-  }
-  return childPid_;
+  return name.empty() ? -1
+                      : static_cast<pid_t>(std::atoi(name.c_str() + name.rfind('.', name.size() - 6) + 1));
 }
 
 int ToolProcess::WaitChild(std::chrono::seconds timeout) {
-  return ChildPid() > 0 ? ReapWithin(childPid_, timeout) : -1;
+  const pid_t child = ChildPid();
+  return child > 0 ? ReapWithin(child, timeout) : -1;
 }
 
 }  // namespace pmtest

@@ -3,6 +3,7 @@
 #include <Poco/TemporaryFile.h>
 #include <gtest/gtest.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <functional>
@@ -103,9 +104,9 @@ class ToolSandbox {
   // exists; needs root). Otherwise a /run/systemd/system of the host is out of
   // the run's sight, so that no run reaches a real systemd.
   bool systemdHost = false;
-  // "NAME=value" entries the tool gets on top of the test's own environment.
-  // Unless set here, DBUS_SYSTEM_BUS_ADDRESS names a socket that is not there.
-  std::vector<std::string> environment;
+  // The run's DBUS_SYSTEM_BUS_ADDRESS; by default a socket that is not there,
+  // so that no run reaches the host's system bus.
+  std::string systemBus = "unix:path=" + root.Join("no-system-bus");
   pb::CommandlineArguments args;
 
   pb::PatchArguments& patchArgs() { return *args.mutable_patchargs(); }
@@ -120,15 +121,16 @@ class ToolSandbox {
   std::string ExitCodeText() const;
 };
 
-// A manifest with one job "job1"/7 (INSTALL, 60 min timeout from now) whose
-// "patches" array holds `patchesJson`.
-std::string ManifestWithPatches(const std::string& patchesJson);
+// A manifest with one job "job1"/`runId` (INSTALL, 60 min timeout from now)
+// whose "patches" array holds `patchesJson`.
+std::string ManifestWithPatches(const std::string& patchesJson, int runId = 7);
 // One patch object with packages for one architecture.
 std::string PatchJson(const std::string& id, const std::vector<std::string>& packages,
                       const std::string& arch = "x86_64", bool rebootRequire = false);
 
 // The built tool, started as the agent starts it: stdout and stderr on one
-// pipe, ZELKOR_AGENT_CONFIG_DIR pointing at the sandbox and, when the test
+// pipe, ZELKOR_AGENT_CONFIG_DIR pointing at the sandbox,
+// DBUS_SYSTEM_BUS_ADDRESS at its `systemBus` and, when the test
 // runs as root, inside a private mount namespace whose /sys/fs/cgroup/systemd
 // is the sandbox's cgroupDir and whose /run/systemd shows the host that
 // `systemdHost` asks for. The test process is a child subreaper, so the
@@ -146,17 +148,17 @@ class ToolProcess {
   int WaitParent(std::chrono::seconds timeout = std::chrono::seconds(30));
   const std::string& parentOutput() const { return output_; }
   // The detached child's pid, from its exit-code file; -1 when there is none.
-  pid_t ChildPid();
+  pid_t ChildPid() const;
   // Reaps the detached child; its exit status, or -1 on time-out or absence.
   int WaitChild(std::chrono::seconds timeout = std::chrono::seconds(120));
 
-  // Whether the private mount namespace can be set up (root and unshare work).
-  static bool CanIsolateCgroup();
+  // Whether runs get the private mount namespace: they do as root, which
+  // needs it. A root that cannot set it up fails every run with status 120.
+  static bool CanIsolateCgroup() { return geteuid() == 0; }
 
  private:
   const ToolSandbox& sandbox_;
   pid_t parentPid_ = -1;
-  pid_t childPid_ = -1;
   int outputFd_ = -1;
   std::string output_;
 };
