@@ -1,8 +1,5 @@
 #include "results/finalresult.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "samplejob.h"
 #include "support/faultyfs.h"
 #include "support/sandbox.h"
@@ -107,26 +104,24 @@ TEST(FinalResultTest, WritesTheWholeDocument) {
 
 // A document that cannot be written in full never replaces the one before.
 TEST(FinalResultTest, FailedWritesGiveTheirCodeAndKeepTheEarlierDocument) {
+  using pmtest::FaultyFileSystem;
   pmtest::TempDir dir;
-  const std::string path = dir.Join("J1_18446744073709551615_status.json");
-  const PatchResultMap earlier{{"A", std::make_shared<PatchResult>()}};
-  ASSERT_EQ(GenerateFinalResult(dir.path(), SampleJob(), earlier), 0);
-  const std::string before = pmtest::ReadTextFile(path);
-
-  ASSERT_EQ(mkdir((path + ".tmp").c_str(), 0700), 0);
-  EXPECT_EQ(GenerateFinalResult(dir.path(), SampleJob(), SampleResults()), kResultOpenFailed);
-  ASSERT_EQ(rmdir((path + ".tmp").c_str()), 0);
-  {
-    // The disk fills in the middle of the document.
-    pmtest::FaultyFileSystem full(pmtest::FaultyFileSystem::kWrite, ENOSPC, 100);
-    EXPECT_EQ(GenerateFinalResult(dir.path(), SampleJob(), SampleResults()), kResultWriteFailed);
+  const std::string name = "J1_18446744073709551615_status.json";
+  ASSERT_EQ(GenerateFinalResult(dir.path(), SampleJob(), {{"A", std::make_shared<PatchResult>()}}), 0);
+  const std::string before = pmtest::ReadTextFile(dir.Join(name));
+  const struct {
+    FaultyFileSystem::Call call;
+    int error;
+    int code;
+  } cases[] = {{FaultyFileSystem::kOpen, EACCES, kResultOpenFailed},
+               {FaultyFileSystem::kWrite, ENOSPC, kResultWriteFailed},  // full after 100 bytes
+               {FaultyFileSystem::kSync, EIO, kResultWriteFailed}};
+  for (const auto& c : cases) {
+    FaultyFileSystem failing(c.call, c.error, 100);
+    EXPECT_EQ(GenerateFinalResult(dir.path(), SampleJob(), SampleResults()), c.code) << c.call;
   }
-  {
-    pmtest::FaultyFileSystem failing(pmtest::FaultyFileSystem::kSync, EIO);
-    EXPECT_EQ(GenerateFinalResult(dir.path(), SampleJob(), SampleResults()), kResultWriteFailed);
-  }
-  EXPECT_EQ(pmtest::ReadTextFile(path), before);
-  EXPECT_EQ(pmtest::ListDir(dir.path()), std::vector<std::string>{"J1_18446744073709551615_status.json"});
+  EXPECT_EQ(pmtest::ReadTextFile(dir.Join(name)), before);
+  EXPECT_EQ(pmtest::ListDir(dir.path()), std::vector<std::string>{name});
 }
 
 // Script output and names can carry any bytes; the document stays valid

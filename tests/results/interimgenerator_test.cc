@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <memory>
@@ -10,6 +11,7 @@
 #include <thread>
 
 #include "samplejob.h"
+#include "support/faultyfs.h"
 #include "support/sandbox.h"
 #include "zelkor/filerep.h"
 
@@ -56,12 +58,6 @@ std::vector<InterimFile> InterimFiles(const std::string& dir, bool generating = 
   return files;
 }
 
-std::set<std::string> Digests(const std::vector<InterimFile>& files) {
-  std::set<std::string> digests;
-  for (const auto& file : files) digests.insert(file.digest);
-  return digests;
-}
-
 TEST(WriteInterimResultTest, WritesOneArrayPerStateNamedByTimeAndDigest) {
   pmtest::TempDir dir;
   InterimResultMap snapshot;
@@ -85,10 +81,8 @@ TEST(WriteInterimResultTest, WritesOneArrayPerStateNamedByTimeAndDigest) {
   const int64_t before = std::time(nullptr);
   ASSERT_TRUE(WriteInterimResult(snapshot, SampleJob(), dir.path()));
   const int64_t after = std::time(nullptr);
-
-  auto files = InterimFiles(dir.path());
-  ASSERT_EQ(files.size(), 1u);
-  const InterimFile first = files[0];
+  ASSERT_EQ(InterimFiles(dir.path()).size(), 1u);
+  const InterimFile first = InterimFiles(dir.path())[0];
   EXPECT_GE(first.seconds, before);
   EXPECT_LE(first.seconds, after);
   const std::string object = ObjectWithoutEndTime(pmtest::ReadTextFile(dir.Join(first.name)));
@@ -107,29 +101,30 @@ TEST(WriteInterimResultTest, WritesOneArrayPerStateNamedByTimeAndDigest) {
 
   // Equal content gives the same digest whenever it is written (within one
   // second the later document replaces the earlier); other content another.
+  auto digests = [&dir] {
+    std::set<std::string> found;
+    for (const auto& file : InterimFiles(dir.path())) found.insert(file.digest);
+    return found;
+  };
   std::this_thread::sleep_for(5ms);
   ASSERT_TRUE(WriteInterimResult(snapshot, SampleJob(), dir.path()));
-  EXPECT_EQ(Digests(InterimFiles(dir.path())), std::set<std::string>{first.digest});
+  EXPECT_EQ(digests(), std::set<std::string>{first.digest});
   add("b-exec", InterimResult(kInterimSuccess));
   ASSERT_TRUE(WriteInterimResult(snapshot, SampleJob(), dir.path()));
-  EXPECT_EQ(Digests(InterimFiles(dir.path())).size(), 2u);
+  EXPECT_EQ(digests().size(), 2u);
 }
 
+// A document that cannot be written in full or put in place leaves nothing
+// the agent could pick up; only a failed write fails the period.
 TEST(WriteInterimResultTest, LeavesNoTemporaryFileBehind) {
   pmtest::TempDir dir;
   const InterimResultMap snapshot{{"P1", std::make_shared<const InterimResult>(kInterimFailed)}};
-  const std::string digest = BuildInterimDocument(snapshot, SampleJob()).digest;
-  // A directory at every final name the next seconds can give makes the
-  // rename fail.
-  const int64_t now = std::time(nullptr);
-  for (int64_t seconds = now - 1; seconds <= now + 30; ++seconds) {
-    const std::string blocker =
-        dir.Join("PatchInterimResult_" + std::to_string(seconds) + "_" + digest + ".json");
-    ASSERT_EQ(mkdir(blocker.c_str(), 0700), 0);
+  for (const auto call : {pmtest::FaultyFileSystem::kWrite, pmtest::FaultyFileSystem::kRename}) {
+    pmtest::FaultyFileSystem failing(call, ENOSPC, 10);
+    EXPECT_EQ(WriteInterimResult(snapshot, SampleJob(), dir.path()),
+              call == pmtest::FaultyFileSystem::kRename);
+    EXPECT_EQ(pmtest::ListDir(dir.path()), std::vector<std::string>{}) << call;
   }
-  const auto blockers = pmtest::ListDir(dir.path());
-  EXPECT_TRUE(WriteInterimResult(snapshot, SampleJob(), dir.path()));
-  EXPECT_EQ(pmtest::ListDir(dir.path()), blockers);
 }
 
 class InterimGeneratorTest : public pmtest::LogCaptureTest {
@@ -151,11 +146,10 @@ class InterimGeneratorTest : public pmtest::LogCaptureTest {
   }
 
   bool SomeFileHolds(const std::string& fragment) {
-    for (const auto& file : InterimFiles(interimDir_, true)) {
-      if (pmtest::ReadTextFile(interimDir_ + "/" + file.name).find(fragment) != std::string::npos)
-        return true;
-    }
-    return false;
+    const auto files = InterimFiles(interimDir_, true);
+    return std::any_of(files.begin(), files.end(), [&](const InterimFile& file) {
+      return pmtest::ReadTextFile(interimDir_ + "/" + file.name).find(fragment) != std::string::npos;
+    });
   }
 
   const std::string interimDir_ = dir_.Join("interim");
