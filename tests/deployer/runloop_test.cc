@@ -1,6 +1,7 @@
-// The job's run loop: package selection, outcomes posted per patch, the
-// locked-package-manager abandon pass, the deployment window and the result
-// size limit. Real /bin/sh deployment scripts, real log files.
+// The deployer: one run of the deployment script and what its output file
+// says, and the job's run loop: package selection, outcomes posted per patch,
+// the locked-package-manager abandon pass, the deployment window and the
+// result size limit. Real /bin/sh deployment scripts, real log files.
 #include "deployer/runloop.h"
 
 #include <atomic>
@@ -8,17 +9,20 @@
 #include <ctime>
 #include <map>
 #include <memory>
+#include <set>
 #include <thread>
 
+#include "deployer/patcher.h"
 #include "results/interimresults.h"
-#include "scripttest.h"
+#include "support/sandbox.h"
 #include "util/timestamps.h"
 
 namespace patchmgmt::deployer {
 namespace {
 
 using pmtest::HasLogLine;
-
+using Names = std::set<std::string>;
+using Lines = std::vector<std::string>;
 using States = std::map<std::string, std::string>;
 constexpr const char* kLocked = "YUM is locked. cannot install";
 
@@ -38,10 +42,18 @@ DeploymentPatch HostPatch(const std::string& id, const Lines& packages, bool reb
 // A manifest date-time text for whole second `seconds` (plus some milliseconds).
 std::string ManifestTimeAt(int64_t seconds) { return FormatUtcMilliseconds(seconds * 1000 + 250); }
 
-class RunLoopTest : public ScriptTest {
+// A real /bin/sh deployment script in a temporary directory, the tool's logger
+// writing to a file beside it, and a job for the run loop.
+class RunLoopTest : public pmtest::LogCaptureTest {
  protected:
   void SetUp() override {
-    ScriptTest::SetUp();
+    LogCaptureTest::SetUp();
+    // Records its arguments; the package name's last "-N" is the outcome N,
+    // reported with exit code N + 10 so that it differs from the process's 0.
+    WriteScript("printf '%s|' \"$@\" >> '" + callsPath_ + "'; echo >> '" + callsPath_ + "'\n" + R"sh(
+printf 'out:%s' "$1"; printf 'err:%s' "$1" >&2
+code=${1##*-}
+printf '{"customExitCode":%d,"exitCode":%d}' "$code" "$((code + 10))" > "$2")sh");
     args_->MutableArguments().mutable_patchargs()->mutable_agentdetails()->set_architecture("x86_64");
     job_.jobId = "job1";
     job_.dateTime = ManifestTimeAt(std::time(nullptr));
@@ -63,14 +75,29 @@ class RunLoopTest : public ScriptTest {
       states[id] = std::to_string(r->code) + "/" + std::to_string(r->value) + "/" + r->message;
     return states;
   }
-  // "failed|status|exitCode|errorMessage" of the patch's result.
-  std::string Outcome(const std::string& id) {
-    const PatchResult& r = Result(id);
-    return std::string(r.failed ? "failed|" : "|") + std::to_string(r.status) + "|" +
-           std::to_string(r.exitCode) + "|" + r.errorMessage;
-  }
   PatchResult& Result(const std::string& id) { return *results_.at(id); }
+  void WriteScript(const std::string& body) const {
+    pmtest::WriteDeploymentScript(settings_.deploymentScriptPath, body);
+  }
+  // Every script run's arguments, as "package|output file|window end|".
+  Lines Calls() const { return pmtest::SplitLines(pmtest::ReadTextFile(callsPath_)); }
+  Lines Packages() const {
+    Lines packages;
+    for (const std::string& call : Calls()) packages.push_back(call.substr(0, call.find('|')));
+    return packages;
+  }
 
+  // "exitCode|name|error text|output" per failed package.
+  static Lines FailedRecords(const PatchResult& result) {
+    Lines records;
+    for (const FailedPackage& p : result.failedPackages) {
+      records.push_back(std::to_string(p.exitCode) + "|" + p.name + "|" + p.errorText + "|" + p.stdOut);
+    }
+    return records;
+  }
+
+  std::string callsPath_ = dir_.Join("calls");
+  ScriptSettings settings_{dir_.Join("deploy.sh"), dir_.Join("scriptOutput.json"), "", "", ""};
   std::shared_ptr<IPatcher> patcher_ = std::make_shared<Patcher>(settings_);
   std::shared_ptr<protobuf::CommandlineArgsInProtoBuf> args_ =
       std::make_shared<protobuf::CommandlineArgsInProtoBuf>();
@@ -81,6 +108,61 @@ class RunLoopTest : public ScriptTest {
   std::atomic<int> patchBoundaries_{0};
   StopControl stop_{&stopPatching_, [this] { ++patchBoundaries_; }};
 };
+
+using PackageLoopTest = RunLoopTest;
+
+TEST_F(PackageLoopTest, UnusableOutputFileFailsThePackageWithItsReason) {
+  WriteScript("echo \"$1\" >> '" + callsPath_ + "'\n" + R"sh(printf 'err:%s' "$1" >&2
+case "$1" in
+  missing) rm -f "$2"; exit 9 ;;
+  invalid) printf '{"customExitCode":' > "$2" ;;
+  nocustom) printf '{"customExitCode":"0","exitCode":5}' > "$2"; exit 6 ;;
+  noexit) printf '{"customExitCode":1}' > "$2"; exit 8 ;;
+  ok) printf '{"customExitCode":0,"exitCode":0}' > "$2" ;;
+  segv) kill -SEGV $$ ;;
+  silent) exit 1 ;;
+  fifo) mkfifo "$2" ;;
+  deep) { head -c 200000 /dev/zero | tr '\0' '['; head -c 200000 /dev/zero | tr '\0' ']'; } > "$2" ;;
+  huge) { head -c 2000000 /dev/zero | tr '\0' ' '; printf '{"customExitCode":0,"exitCode":0}'; } > "$2" ;;
+  dir) mkdir "$2"; touch "$2/x" ;;
+esac)sh");
+  const std::string path = settings_.scriptOutputPath;
+  // "status|exitCode|errorMessage" after each kind of output file, in this order.
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"missing", "3|9|stdError: [Failed to locate result file after deployment, err:missing]"},
+      {"invalid", "3|0|stdError: [Failed to parse json result output, err:invalid]"},
+      {"nocustom", "3|6|stdError: [Failed to parse custom exit code, err:nocustom]"},
+      // The status already read stands; the exit code is the process's.
+      {"noexit", "1|8|stdError: [Failed to parse exit code, err:noexit]"},
+      // Neither a crash nor a silent failure is credited with the file the
+      // package before wrote.
+      {"segv", "3|139|stdError: [Failed to locate result file after deployment, err:segv]"},
+      {"ok", "0|0|stdError: [, err:ok]"},
+      {"silent", "3|1|stdError: [Failed to locate result file after deployment, err:silent]"},
+      {"fifo", "3|0|stdError: [Failed to open file: " + path + ", err:fifo]"},
+      {"deep", "3|0|stdError: [Failed to parse json result output, err:deep]"},
+      {"huge", "3|0|stdError: [Failed to parse json result output, err:huge]"},
+      {"dir", "3|0|stdError: [Failed to open file: " + path + ", err:dir]"},
+      // What stands there now cannot be removed: the script is not started.
+      {"after-dir",
+       "3|1|stdError: [Failed to remove stale script output file: " + path + ", error: Is a directory, ]"},
+  };
+  for (const auto& [package, expected] : cases) {
+    PatchResult r;
+    r.failed = true;
+    r.stdOut = "left over";
+    ExecuteDeploymentCommand(
+        {settings_.deploymentScriptPath, package, std::time(nullptr) + 600, path, nullptr}, r);
+    EXPECT_EQ(std::to_string(r.status) + "|" + std::to_string(r.exitCode) + "|" + r.errorMessage, expected);
+    EXPECT_TRUE(r.stdOut.empty() && !r.failed) << package;
+  }
+  EXPECT_EQ(Calls().size(), cases.size() - 1) << "the package after the directory never ran";
+  const auto log = Log();
+  EXPECT_TRUE(HasLogLine(log, "Failed to locate result file after deployment: " + path, "Error"));
+  EXPECT_TRUE(HasLogLine(log, "Failed to open file: " + path + ", error: not a regular file", "Error"));
+  EXPECT_TRUE(HasLogLine(
+      log, "Failed to remove stale script output file: " + path + ", error: Is a directory", "Error"));
+}
 
 // The script gets the package, its output file and the manifest's window end.
 TEST_F(RunLoopTest, HostAndNoarchPackagesAreSelectedAndARepeatedPatchSharesItsResult) {
@@ -101,56 +183,76 @@ TEST_F(RunLoopTest, HostAndNoarchPackagesAreSelectedAndARepeatedPatchSharesItsRe
   EXPECT_TRUE(HasLogLine(log, "No of patches for deployment: 4", "Debug"));
 }
 
+// Every package and patch outcome, as filed and as posted. A code beyond the
+// known ones is a failure like 3. A locked package manager (4) ends its patch
+// even when failures are tolerated; unless the timeout is ignored, the job
+// goes on.
 TEST_F(RunLoopTest, OutcomesArePostedAndAnInstalledRebootPatchEndsTheRunWith55) {
+  job_.continueAfterPackageFailedForPatch = true;
   job_.sendJobTelemetryData = true;
-  EXPECT_EQ(Run({HostPatch("R", {"a-0"}, true), HostPatch("N", {"b-2"}), HostPatch("A", {"c-1"}),
-                 HostPatch("S", {"d-0"}), HostPatch("F", {"e-3"}, true)}),
-            kRebootRequiredExitCode);
-  EXPECT_EQ(Interims(), (States{{"R", "8978/0/"},
-                                {"N", "8983/0/"},
-                                {"A", "8984/0/"},
-                                {"S", "8980/0/"},
-                                {"F", "8981/13/stdError: [, err:e-3]"}}));
+  EXPECT_EQ(
+      Run({HostPatch("P1", {"a-0", "b-1", "c-2", "d-3", "e-7", "f-4", "g-0"}), HostPatch("R", {"r-0"}, true),
+           HostPatch("GO", {"h-3", "i-0"}), HostPatch("F", {"j-3"}, true)}),
+      kRebootRequiredExitCode);
+  EXPECT_EQ(Packages(), (Lines{"a-0", "b-1", "c-2", "d-3", "e-7", "f-4", "r-0", "h-3", "i-0", "j-3"}));
+  const PatchResult& p1 = Result("P1");
+  EXPECT_EQ(p1.successPackages, Names{"a-0"});
+  EXPECT_EQ(p1.alreadyInstalledPackages, Names{"b-1"});
+  EXPECT_EQ(p1.notApplicablePackages, Names{"c-2"});
+  EXPECT_EQ(p1.pendingExecutionPackages, Names{"g-0"});
+  EXPECT_EQ(FailedRecords(p1),
+            (Lines{"13|d-3|stdError: [, err:d-3]|out:d-3", "17|e-7|stdError: [, err:e-7]|out:e-7",
+                   "14|f-4|stdError: [, err:f-4]|out:f-4"}));
+  EXPECT_TRUE(p1.failed && p1.status == kPackageManagerLocked && p1.exitCode == 14);
+  // The last package succeeded, yet the patch is failed for the first one;
+  // it carries the last command's exit code.
+  EXPECT_EQ(Result("GO").successPackages, Names{"i-0"});
   EXPECT_TRUE(Result("R").executed);
+  EXPECT_EQ(Interims(), (States{{"P1", "8981/14/stdError: [, err:f-4]"},
+                                {"R", "8978/0/"},
+                                {"GO", "8981/10/"},
+                                {"F", "8981/13/stdError: [, err:j-3]"}}));
+
+  job_.continueAfterPackageFailedForPatch = false;
+  EXPECT_EQ(Run({HostPatch("N", {"k-2", "l-2"}), HostPatch("I", {"m-2", "n-1"}),
+                 HostPatch("S", {"o-1", "p-0", "q-2"}), HostPatch("STOP", {"s-7", "t-0"})}),
+            0);
+  EXPECT_EQ(Packages(), (Lines{"k-2", "l-2", "m-2", "n-1", "o-1", "p-0", "q-2", "s-7"}));
+  EXPECT_TRUE(Result("N").notApplicable && !Result("N").alreadyInstalled);
+  EXPECT_TRUE(Result("I").alreadyInstalled && !Result("I").notApplicable);
+  EXPECT_EQ(Result("STOP").status, kInstallFailed);
+  EXPECT_EQ(Result("STOP").pendingExecutionPackages, Names{"t-0"});
+  EXPECT_EQ(
+      Interims(),
+      (States{
+          {"N", "8983/0/"}, {"I", "8984/0/"}, {"S", "8980/0/"}, {"STOP", "8981/17/stdError: [, err:s-7]"}}));
   const auto log = Log();
+  for (const char* line : {"[FAILED]: P1", "[FAILED]: GO", "Reboot will be done for job id job1",
+                           "[NOT-APPLICABLE]: N", "[ALREADY-INSTALLED]: I", "[SUCCESS]: S"}) {
+    EXPECT_TRUE(HasLogLine(log, line, "Information")) << line;
+  }
+  EXPECT_TRUE(HasLogLine(log, "Package: b-1 is already installed", "Trace"));
   EXPECT_TRUE(HasLogLine(log, "Reboot is require for patch id R", "Trace"));
   EXPECT_FALSE(HasLogLine(log, "Reboot is require for patch id F"));
-  EXPECT_TRUE(HasLogLine(log, "Reboot will be done for job id job1", "Information"));
 }
 
 TEST_F(RunLoopTest, LockedPackageManagerAbandonsTheJobOnlyWhenTimeoutIsIgnored) {
-  auto lockedJob = [] {
-    return std::vector<DeploymentPatch>{HostPatch("L1", {"a-0", "b-4", "c-0"}),
-                                        HostPatch("L2", {"d-0", "e-0"}), HostPatch("L3", {"f-0"})};
-  };
-  auto expectLockedFirstPatch = [this] {
-    EXPECT_TRUE(Result("L1").failed);
-    EXPECT_EQ(FailedRecords(Result("L1")), Lines{"14|b-4|stdError: [, err:b-4]|out:b-4"});
-    EXPECT_EQ(Result("L1").pendingExecutionPackages, Names{"c-0"});
-  };
-  auto record = [](const std::string& name) { return "1|" + name + "|" + kLocked + "|"; };
-
   job_.ignoreTimeout = true;
   job_.continueAfterPackageFailedForPatch = true;
-  EXPECT_EQ(Run(lockedJob()), 0);
+  EXPECT_EQ(Run({HostPatch("L1", {"a-0", "b-4", "c-0"}), HostPatch("L2", {"d-0", "e-0"}),
+                 HostPatch("L3", {"f-0"})}),
+            0);
   EXPECT_EQ(Packages(), (Lines{"a-0", "b-4"}));
-  expectLockedFirstPatch();
-  for (const char* id : {"L2", "L3"}) EXPECT_EQ(Outcome(id), std::string("failed|4|1|") + kLocked) << id;
-  const std::string lockedState = std::string("8981/1/") + kLocked;
-  EXPECT_EQ(Interims(),
-            (States{{"L1", "8981/14/stdError: [, err:b-4]"}, {"L2", lockedState}, {"L3", lockedState}}));
+  EXPECT_EQ(FailedRecords(Result("L1")), Lines{"14|b-4|stdError: [, err:b-4]|out:b-4"});
+  EXPECT_EQ(Result("L1").pendingExecutionPackages, Names{"c-0"});
+  auto record = [](const std::string& name) { return "1|" + name + "|" + kLocked + "|"; };
   EXPECT_EQ(FailedRecords(Result("L2")), (Lines{record("d-0"), record("e-0")}));
   EXPECT_TRUE(Result("L2").pendingExecutionPackages.empty());
   EXPECT_EQ(FailedRecords(Result("L3")), Lines{record("f-0")});
-
-  job_.ignoreTimeout = false;
-  job_.continueAfterPackageFailedForPatch = true;
-  EXPECT_EQ(Run(lockedJob()), 0);
-  EXPECT_EQ(Packages(), (Lines{"a-0", "b-4", "d-0", "e-0", "f-0"}));
-  expectLockedFirstPatch();
-  EXPECT_FALSE(Result("L2").failed);
+  for (const char* id : {"L2", "L3"}) EXPECT_EQ(Result(id).status, kPackageManagerLocked) << id;
+  const std::string lockedState = std::string("8981/1/") + kLocked;
   EXPECT_EQ(Interims(),
-            (States{{"L1", "8981/14/stdError: [, err:b-4]"}, {"L2", "8980/0/"}, {"L3", "8980/0/"}}));
+            (States{{"L1", "8981/14/stdError: [, err:b-4]"}, {"L2", lockedState}, {"L3", lockedState}}));
 }
 
 // While a package runs, its patch reads "executing". A stop requested then
@@ -184,12 +286,13 @@ TEST_F(RunLoopTest, ClosedWindowRunsNothingUnlessTimeoutIsIgnored) {
   EXPECT_FALSE(pmtest::PathExists(callsPath_));
   // The current time in the message is some second of the run.
   const std::string message = Result("P1").errorMessage;
-  const std::string prefix = "patch window is over.[currentTime,windowTime]: [";
-  ASSERT_EQ(message.rfind(prefix, 0), 0u) << message;
-  EXPECT_EQ(message.substr(message.find(',', prefix.size())), ", " + std::to_string(windowEnd) + "]");
-  const int64_t now = std::stoll(message.substr(prefix.size()));
-  EXPECT_TRUE(now >= before && now <= after) << message;
-  EXPECT_EQ(Outcome("P1"), "failed|3|1|" + message);
+  bool saysNow = false;
+  for (int64_t now = before; now <= after; ++now) {
+    saysNow |= message == "patch window is over.[currentTime,windowTime]: [" + std::to_string(now) + ", " +
+                              std::to_string(windowEnd) + "]";
+  }
+  EXPECT_TRUE(saysNow) << message;
+  EXPECT_EQ(Result("P1").status, kInstallFailed);
   EXPECT_EQ(FailedRecords(Result("P1")), Lines{"1|a-0|" + message + "|"});
   EXPECT_EQ(Result("P1").pendingExecutionPackages, Names{"b-0"});
   EXPECT_EQ(Interims().at("P1"), "8981/1/" + message);
