@@ -1,5 +1,5 @@
-#include "results/interimgenerator.h"
-
+// The final and the interim result documents, and the thread that writes
+// an interim document each period.
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -10,7 +10,8 @@
 #include <set>
 #include <thread>
 
-#include "samplejob.h"
+#include "results/finalresult.h"
+#include "results/interimgenerator.h"
 #include "support/faultyfs.h"
 #include "support/sandbox.h"
 #include "zelkor/filerep.h"
@@ -19,6 +20,137 @@ namespace patchmgmt {
 namespace {
 
 using namespace std::chrono_literals;
+using deployer::FailedPackage;
+using deployer::PatchResult;
+using deployer::PatchResultMap;
+
+// A job whose run id is the largest the agent can send.
+inline JobRunInfo SampleJob() {
+  JobRunInfo job;
+  job.jobId = "J1";
+  job.manifestInstanceId = 42;
+  job.runId = 18446744073709551615ULL;
+  job.vendorId = "v1";
+  job.startTime = 0;
+  job.endTime = 1709622489123ULL;  // in the final document only
+  job.agentVersion = "1.2.3";
+  job.jobReceivedDateTime = "2024-03-05T07:00:00.000Z";
+  return job;
+}
+
+// One patch per outcome. The document lists them in byte-wise patch-id order
+// ("P10" < "P2" < "p1").
+PatchResultMap SampleResults() {
+  auto make = [](bool failed, bool alreadyInstalled, bool notApplicable, int64_t executionTime) {
+    auto result = std::make_shared<PatchResult>();
+    result->failed = failed;
+    result->alreadyInstalled = alreadyInstalled;
+    result->notApplicable = notApplicable;
+    result->executed = executionTime != 0;
+    result->executionTime = executionTime;
+    return result;
+  };
+  PatchResultMap results{{"p1", make(false, false, false, 0)},     {"P2", make(true, false, false, 55)},
+                         {"P10", make(false, false, false, 1234)}, {"P3", make(true, true, true, 7)},
+                         {"P4", make(true, false, true, 0)},       {"P5", nullptr}};
+  PatchResult& failed = *results["P2"];
+  failed.size = 2048;
+  failed.successPackages = {"ok"};
+  failed.pendingExecutionPackages = {"later"};
+  failed.alreadyInstalledPackages = {"old"};
+  failed.notApplicablePackages = {"na"};
+  failed.failedPackages = {FailedPackage{3, "bad1", "", ""}, FailedPackage{-1, "bad2", "y", "x"},
+                           FailedPackage{100, "bad3", "only error", ""},
+                           FailedPackage{4, "bad4", "", "line1\n\"q\""}};
+  results["P10"]->size = 10;
+  results["P10"]->successPackages = {"b", "a"};
+  return results;
+}
+
+const std::string kSampleDocument =
+    R"({"deploymentResult":{"jobId":"J1","manifestInstanceId":42,"runId":18446744073709551615,)"
+    R"("vendorId":"v1","agentVersion":"1.2.3","startDateTime":"1970-01-01T00:00:00.000Z",)"
+    R"("endDateTime":"2024-03-05T07:08:09.123Z","jobReceivedDateTime":"2024-03-05T07:00:00.000Z",)"
+    R"("resultType":"FINAL","success":["P10","p1"],)"
+    R"("failed":[{"id":"P2","reason":0,"osstatus":0,"httpstatus":0,"size":2048,"successPackages":["ok"],)"
+    R"("pendingExecutionPackages":["later"],"alreadyInstalledPackages":["old"],"notApplicablePackages":["na"],)"
+    R"("failedPackages":[{"name":"bad1","exitCode":3,"errorMessage":""},)"
+    R"({"name":"bad2","exitCode":-1,"errorMessage":"stdOut: [x], y"},)"
+    R"({"name":"bad3","exitCode":100,"errorMessage":"only error"},)"
+    R"({"name":"bad4","exitCode":4,"errorMessage":"stdOut: [line1\n\"q\"], "}]},)"
+    R"({"id":"P5","reason":0,"osstatus":0,"httpstatus":0,"size":0,"successPackages":[],)"
+    R"("pendingExecutionPackages":[],"alreadyInstalledPackages":[],"notApplicablePackages":[],)"
+    R"("failedPackages":[]}],)"
+    R"("alreadyInstalled":["P3"],"superseded":[],"notApplicable":["P4"],)"
+    R"("patchExecutionTime":[{"id":"P10","duration":1234},{"id":"P2","duration":55},{"id":"P3","duration":7}],)"
+    R"("pendingExecution":[],"executing":[],"pendingReboot":[],"pendingVerification":[]}})";
+
+// The whole text pins key order, types, the always-empty arrays and which
+// optional keys appear.
+TEST(FinalResultTest, WritesTheWholeDocument) {
+  pmtest::TempDir dir;
+  const std::string resultDir = dir.Join("results");
+  JobRunInfo job = SampleJob();
+  const std::string path = resultDir + "/J1_18446744073709551615_status.json";
+
+  ASSERT_EQ(GenerateFinalResult(resultDir, job, SampleResults()), 0);
+  EXPECT_EQ(pmtest::ListDir(resultDir), std::vector<std::string>{"J1_18446744073709551615_status.json"});
+  EXPECT_EQ(pmtest::ReadTextFile(path), kSampleDocument);
+
+  // No patch executed and no job-received time: both keys go, and the shorter
+  // document leaves nothing of the longer one behind.
+  job.startTime = 1500;
+  job.jobReceivedDateTime.clear();
+  PatchResultMap notTimed{{"A", std::make_shared<PatchResult>()}, {"B", std::make_shared<PatchResult>()}};
+  notTimed["B"]->alreadyInstalled = true;
+  ASSERT_EQ(GenerateFinalResult(resultDir, job, notTimed), 0);
+  EXPECT_EQ(pmtest::ReadTextFile(path),
+            R"({"deploymentResult":{"jobId":"J1","manifestInstanceId":42,"runId":18446744073709551615,)"
+            R"("vendorId":"v1","agentVersion":"1.2.3","startDateTime":"1970-01-01T00:00:01.500Z",)"
+            R"("endDateTime":"2024-03-05T07:08:09.123Z","resultType":"FINAL",)"
+            R"("success":["A"],"failed":[],"alreadyInstalled":["B"],"superseded":[],)"
+            R"("notApplicable":[],"pendingExecution":[],"executing":[],"pendingReboot":[],)"
+            R"("pendingVerification":[]}})");
+}
+
+// A document that cannot be written in full never replaces the one before.
+TEST(FinalResultTest, FailedWritesGiveTheirCodeAndKeepTheEarlierDocument) {
+  using pmtest::FaultyFileSystem;
+  pmtest::TempDir dir;
+  const std::string name = "J1_18446744073709551615_status.json";
+  ASSERT_EQ(GenerateFinalResult(dir.path(), SampleJob(), {{"A", std::make_shared<PatchResult>()}}), 0);
+  const std::string before = pmtest::ReadTextFile(dir.Join(name));
+  const struct {
+    FaultyFileSystem::Call call;
+    int error;
+    int code;
+  } cases[] = {{FaultyFileSystem::kOpen, EACCES, kResultOpenFailed},
+               {FaultyFileSystem::kWrite, ENOSPC, kResultWriteFailed},  // full after 100 bytes
+               {FaultyFileSystem::kSync, EIO, kResultWriteFailed}};
+  for (const auto& c : cases) {
+    FaultyFileSystem failing(c.call, c.error, 100);
+    EXPECT_EQ(GenerateFinalResult(dir.path(), SampleJob(), SampleResults()), c.code) << c.call;
+  }
+  EXPECT_EQ(pmtest::ReadTextFile(dir.Join(name)), before);
+  EXPECT_EQ(pmtest::ListDir(dir.path()), std::vector<std::string>{name});
+}
+
+// Script output and names can carry any bytes; the document stays valid
+// UTF-8 and keeps every valid character.
+TEST(FinalResultTest, InvalidUtf8IsReplacedAndValidTextKept) {
+  pmtest::TempDir dir;
+  auto failed = std::make_shared<PatchResult>();
+  failed->failed = true;
+  failed->failedPackages = {FailedPackage{1, "caf\xE9", "d\xC3\xA9j\xC3\xA0 \xFF", "\xE2\x82z"}};
+  ASSERT_EQ(GenerateFinalResult(dir.path(), SampleJob(), {{"P\xC0", failed}}), 0);
+  const std::string text = pmtest::ReadTextFile(dir.Join("J1_18446744073709551615_status.json"));
+  const std::string r = "\xEF\xBF\xBD";
+  EXPECT_NE(text.find("\"failed\":[{\"id\":\"P" + r + "\""), std::string::npos) << text;
+  EXPECT_NE(text.find("{\"name\":\"caf" + r + "\",\"exitCode\":1,\"errorMessage\":\"stdOut: [" + r +
+                      "z], d\xC3\xA9j\xC3\xA0 " + r + "\"}"),
+            std::string::npos)
+      << text;
+}
 
 std::string Sha256(const std::string& text) {
   std::string digest;
