@@ -50,18 +50,26 @@ Texts QueuedContexts() {
   return contexts;
 }
 
-ahs::PatchAHSMessages ReadMessageFile(const std::string& path) {
+// The one message file that `dir` must hold, decoded.
+ahs::PatchAHSMessages ReadMessageFile(const std::string& dir) {
+  const auto files = pmtest::ListDir(dir);
+  EXPECT_EQ(files.size(), 1u) << dir;
   ahs::PatchAHSMessages messages;
-  std::ifstream in(path, std::ios::binary);
-  EXPECT_TRUE(messages.ParseFromIstream(&in)) << path;
+  std::ifstream in(dir + "/" + (files.empty() ? "" : files[0]), std::ios::binary);
+  EXPECT_TRUE(messages.ParseFromIstream(&in)) << dir;
   return messages;
 }
 
-// "key=value" of each extra field, in file order.
-Texts ExtraFields(const ahs::PatchAHSMessage& message) {
-  Texts fields;
-  for (const auto& field : message.extrafieldsarray()) fields.push_back(field.key() + "=" + field.value());
-  return fields;
+// "context|status code|state|key=value,..." per message, in file order.
+Texts Describe(const ahs::PatchAHSMessages& messages) {
+  Texts described;
+  for (const auto& m : messages.patchahsmessages()) {
+    described.push_back(m.contextid() + "|" + std::to_string(m.statuscode()) + "|" +
+                        std::to_string(m.state()) + "|");
+    for (const auto& field : m.extrafieldsarray())
+      described.back() += field.key() + "=" + field.value() + ",";
+  }
+  return described;
 }
 
 // The queue and `writer` are process-wide; each test starts and ends with
@@ -197,12 +205,8 @@ TEST_F(PatchStatusTest, QuotedContextIdStaysQueuedWithoutHarmingOtherRows) {
 
   // At the end of the run they reach the message file, nothing is lost.
   EXPECT_TRUE(Helper::SaveQueuedStatuses());
-  const auto files = pmtest::ListDir(dir_.Join("ahs"));
-  ASSERT_EQ(files.size(), 1u);
-  const auto messages = ReadMessageFile(dir_.Join("ahs/" + files[0]));
-  ASSERT_EQ(messages.patchahsmessages_size(), 3);
-  EXPECT_EQ(messages.patchahsmessages(0).contextid(), hostile);
-  EXPECT_EQ(messages.patchahsmessages(2).contextid(), "queued later");
+  EXPECT_EQ(Describe(ReadMessageFile(dir_.Join("ahs"))),
+            (Texts{hostile + "|2|2|", "job's patch|2|2|", "queued later|4|1|"}));
   EXPECT_EQ(ReadRows(dbPath).size(), 2u);
 }
 
@@ -242,19 +246,11 @@ TEST_F(PatchStatusTest, MessageFilesDecodeThroughGeneratedClasses) {
   const int64_t seconds = std::stoll(files[0].substr(std::string("PatchAHSMessage_").size()));
   EXPECT_EQ(files[0], "PatchAHSMessage_" + std::to_string(seconds) + ".dat");
   EXPECT_GE(seconds, before);
-
-  const auto messages = ReadMessageFile(ahsDir + "/" + files[0]);
-  ASSERT_EQ(messages.patchahsmessages_size(), 3);
-  const auto& manifest = messages.patchahsmessages(0);
-  EXPECT_EQ(manifest.contextid(), "job-ctx");
-  EXPECT_EQ(manifest.state(), ahs::InProgress);
-  const auto& second = messages.patchahsmessages(1);
-  EXPECT_EQ(second.statuscode(), 4000000000u);
-  EXPECT_EQ(second.datetimeepoch(), 1700000000);
-  EXPECT_EQ(ExtraFields(second), (Texts{"alpha=1", "zeta=3"}));
-  EXPECT_EQ(messages.patchahsmessages(2).statuscode(), 8977u);
-  EXPECT_EQ(ExtraFields(messages.patchahsmessages(2)),
-            (Texts{"manifestId=m1", "manifestInstanceId=mi1", "osStatus=12"}));
+  const auto messages = ReadMessageFile(ahsDir);
+  EXPECT_EQ(Describe(messages), (Texts{"job-ctx|8976|3|manifestId=m1,manifestInstanceId=mi1,",
+                                       "extra|4000000000|4|alpha=1,zeta=3,",
+                                       "job-ctx|8977|2|manifestId=m1,manifestInstanceId=mi1,osStatus=12,"}));
+  EXPECT_EQ(messages.patchahsmessages(1).datetimeepoch(), 1700000000);
 }
 
 // Several threads report while the interim thread's periodic flush runs and
