@@ -312,57 +312,37 @@ TEST_F(RunLoopTest, ClosedWindowRunsNothingUnlessTimeoutIsIgnored) {
   EXPECT_EQ(Result("P1").successPackages, (Names{"a-0", "b-0"}));
 }
 
-TEST_F(RunLoopTest, ResultsAreTruncatedFromExactlyOneMebibyte) {
-  // 40 + 1 + stdOut of the first patch, 1 + error text of the failed second.
-  auto results = [](size_t stdOutSize, size_t errorSize) {
-    PatchResultMap map{
-        {"A", std::make_shared<PatchResult>()}, {"B", std::make_shared<PatchResult>()}, {"C", nullptr}};
-    map["A"]->failedPackages = {{1, "p", "", std::string(stdOutSize, 'o')}};
-    map["B"]->failed = true;
-    map["B"]->failedPackages = {{1, "q", std::string(errorSize, 'e'), ""}};
-    return map;
-  };
-  PatchResultMap below = results(1048000, 533);
-  LimitResultSize(below);
-  EXPECT_EQ(below["A"]->failedPackages[0].stdOut.size(), 1048000u);
-  EXPECT_FALSE(pmtest::HasLogPrefix(Log(), "Truncating"));
-
-  PatchResultMap at = results(1048000, 534);
-  LimitResultSize(at);
-  EXPECT_EQ(at["A"]->failedPackages[0].stdOut, "");
-  EXPECT_EQ(at["B"]->failedPackages[0].errorText.size(), 534u);
-  EXPECT_TRUE(HasLogLine(Log(), "Truncating stdout from patch result", "Warning"));
-  EXPECT_FALSE(HasLogLine(Log(), "Truncating stdout and stderror both from patch result"));
-
-  // Emptying the output leaves exactly the limit: the error texts go too.
-  PatchResultMap both = results(10, 1048533);
-  both["A"]->failedPackages[0].errorText = std::string(1, 'e');
-  LimitResultSize(both);
-  for (const char* id : {"A", "B"}) {
-    EXPECT_EQ(both[id]->failedPackages[0].stdOut, "") << id;
-    EXPECT_EQ(both[id]->failedPackages[0].errorText, "") << id;
-  }
-  EXPECT_TRUE(HasLogLine(Log(), "Truncating stdout and stderror both from patch result", "Warning"));
-}
-
-// Texts let go as soon as the limit is sure to empty them must leave exactly
-// what the limit leaves with every text kept to the end, log lines included.
+// The result size limit empties failed-package output once the estimate
+// reaches 1 MiB (a result that did not fail counts 40 bytes besides its names
+// and texts), then error texts as well. Texts let go as soon as the limit is
+// sure to empty them must leave exactly what the limit leaves with every text
+// kept to the end, log lines included.
 TEST_F(RunLoopTest, FailedTextsLetGoEarlyLeaveWhatTheLimitLeavesWithEveryTextKept) {
   using Sizes = std::vector<std::pair<size_t, size_t>>;  // error text, output
+  const Lines output{"Warning|Truncating stdout from patch result"};
+  const Lines both{output[0], "Warning|Truncating stdout and stderror both from patch result"};
   const struct {
+    bool failed;
     Sizes packages;  // named "p0", "p1", ...: two bytes each
-    bool outputGoesEarly;
-    bool errorTextGoesEarly;
+    bool outputGoesEarly, errorTextGoesEarly;
+    Lines truncations;
+    uint64_t sizeAfter;
   } cases[] = {
-      {{{100, 100}, {200, 200}}, false, false},
-      {{{1000, 600000}, {1000, 500000}}, true, false},
-      {{{600000, 10}, {448572, 0}}, true, true},  // names and error texts reach exactly 1 MiB
-      {{{600000, 10}, {448571, 0}}, true, false},
+      {false, {{100, 100}, {200, 200}}, false, false, {}, 644},
+      {false, {{0, 1048534}}, false, false, output, 42},  // exactly the limit
+      {false, {{0, 1048533}}, false, false, {}, 1048575},
+      {true, {{0, 1048574}}, true, false, output, 2},  // exactly the limit
+      {true, {{0, 1048573}}, false, false, {}, 1048575},
+      {false, {{1000, 600000}, {1000, 500000}}, true, false, output, 2044},
+      {false, {{600000, 10}, {448572, 0}}, true, true, both, 44},  // names and error texts reach exactly 1
+                                                                   // MiB
+      {false, {{600000, 10}, {448571, 0}}, true, false, both, 44},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.packages.back().first);
-    PatchResultMap early{{"A", std::make_shared<PatchResult>()}};
-    PatchResultMap kept{{"A", std::make_shared<PatchResult>()}};
+    SCOPED_TRACE(std::to_string(c.packages.back().first) + " " + std::to_string(c.packages.back().second));
+    PatchResultMap early{{"A", std::make_shared<PatchResult>()}, {"B", nullptr}};
+    PatchResultMap kept{{"A", std::make_shared<PatchResult>()}, {"B", nullptr}};
+    early["A"]->failed = kept["A"]->failed = c.failed;
     FailedTextBudget budget;
     for (size_t i = 0; i < c.packages.size(); ++i) {
       FailedPackage package{3, "p" + std::to_string(i), std::string(c.packages[i].first, 'e'),
@@ -382,8 +362,12 @@ TEST_F(RunLoopTest, FailedTextsLetGoEarlyLeaveWhatTheLimitLeavesWithEveryTextKep
     CaptureLog();
     LimitResultSize(kept);
     EXPECT_EQ(FailedRecords(*early["A"]), FailedRecords(*kept["A"]));
-    EXPECT_EQ(EstimateResultSize(*early["A"]), EstimateResultSize(*kept["A"]));
+    EXPECT_EQ(EstimateResultSize(*early["A"]), c.sizeAfter);
+    EXPECT_EQ(EstimateResultSize(*kept["A"]), c.sizeAfter);
     EXPECT_EQ(pmtest::ReadTextFile(logPath_), earlyLog);
+    Lines truncations;
+    for (const pmtest::LogLine& line : Log()) truncations.push_back(line.priority + "|" + line.text);
+    EXPECT_EQ(truncations, c.truncations);
   }
 }
 
