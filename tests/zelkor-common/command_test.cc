@@ -95,13 +95,17 @@ TEST(CommandRunner, ReadsBothStreamsAtOnceAndCapsEach) {
 // A script's background children come back to the caller once the script
 // has ended; those that ended too are reaped, those still running (a service
 // the package started) are left alone. The runner returns although the one
-// still running holds the output pipe open.
+// still running holds the output pipe open: it has not yet slept its minute.
 TEST(CommandRunner, FarFutureLimitLetsTheCommandRunAndEndedOrphansAreReaped) {
+  pmtest::TempDir dir;
+  const std::string slept = dir.Join("slept");
   // A deadline this far out does not fit a steady-clock instant. The first
   // child ends only after the script, so it cannot be reaped by the script.
-  auto result = RunCommand(
-      Shell("sh -c 'while kill -0 '$$' 2>/dev/null; do sleep 0.01; done' & echo $!; sleep 60 & echo $!"),
-      UINT64_MAX / 2);
+  auto result = RunCommand(Shell("sh -c 'while kill -0 '$$' 2>/dev/null; do sleep 0.01; done' & echo $!; "
+                                 "sh -c 'sleep 60; touch \"$0\"' '" +
+                                 slept + "' & echo $!"),
+                           UINT64_MAX / 2);
+  EXPECT_FALSE(pmtest::PathExists(slept)) << "the runner waited for the child that holds its pipe";
   EXPECT_EQ(result.exitCode, 0) << result.stdErr;
   EXPECT_EQ(result.timedOut, 0);
   const auto lines = pmtest::SplitLines(result.stdOut);
@@ -112,6 +116,7 @@ TEST(CommandRunner, FarFutureLimitLetsTheCommandRunAndEndedOrphansAreReaped) {
   EXPECT_EQ(util::ReapExitedOrphans(), 1);
   EXPECT_NE(kill(ended, 0), 0) << "still a zombie of this process";
   EXPECT_TRUE(IsAlive(running));
+  for (pid_t child : pmtest::ChildrenOf(running)) KillAndReap(child);
   KillAndReap(running);
 }
 
