@@ -4,54 +4,41 @@
 
 namespace {
 
-using CommandlineArgsTest = pmtest::LogCaptureTest;
-
 // Every other validation step is checked end to end, through the tool's log.
-TEST_F(CommandlineArgsTest, EnabledInterimResultsNeedADirectoryButNotAnExistingOne) {
-  pmtest::ToolSandbox sandbox;
-  auto* interim = sandbox.patchArgs().mutable_interimresultoption();
-  interim->set_isinterimresultenable(true);
-  interim->set_interimresultdir(sandbox.root.Join("not-yet"));
-  patchmgmt::protobuf::CommandlineArgsInProtoBuf holder;
-  holder.MutableArguments() = sandbox.args;
-  EXPECT_TRUE(holder.Validate());
+class CommandlineArgsTest : public pmtest::LogCaptureTest {
+ protected:
+  void SetUp() override {
+    LogCaptureTest::SetUp();
+    holder_.MutableArguments() = sandbox_.args;
+  }
+  pmtest::pb::PatchArguments& Patch() { return *holder_.MutableArguments().mutable_patchargs(); }
 
-  interim->set_interimresultdir("");
-  holder.MutableArguments() = sandbox.args;
-  EXPECT_FALSE(holder.Validate());
+  pmtest::ToolSandbox sandbox_;
+  patchmgmt::protobuf::CommandlineArgsInProtoBuf holder_;
+};
+
+TEST_F(CommandlineArgsTest, EnabledInterimResultsNeedADirectoryButNotAnExistingOne) {
+  Patch().mutable_interimresultoption()->set_isinterimresultenable(true);
+  Patch().mutable_interimresultoption()->set_interimresultdir(sandbox_.root.Join("not-yet"));
+  EXPECT_TRUE(holder_.Validate());
+  Patch().mutable_interimresultoption()->set_interimresultdir("");
+  EXPECT_FALSE(holder_.Validate());
   EXPECT_TRUE(Log().empty()) << "the refusal is silent";
 }
 
-}  // namespace
-
-namespace {
-
 // The job id names the result document and the exit-code file.
 TEST_F(CommandlineArgsTest, JobIdThatCannotBeAFileNameFailsValidationLast) {
-  const struct {
-    std::string jobId;
-    bool usable;
-  } cases[] = {
-      {"job-1", true},
-      {"...", true},
-      {std::string(200, 'j'), true},
-      {"a/b", false},
-      {"../x", false},
-      {".", false},
-      {"..", false},
-      {std::string(201, 'j'), false},
-      {std::string("a\0b", 3), false},
-  };
-  pmtest::ToolSandbox sandbox;
-  for (const auto& c : cases) {
+  auto check = [this](const std::string& jobId, bool usable) {
     CaptureLog();
-    sandbox.patchArgs().set_jobid(c.jobId);
-    patchmgmt::protobuf::CommandlineArgsInProtoBuf holder;
-    holder.MutableArguments() = sandbox.args;
-    EXPECT_EQ(holder.Validate(), c.usable) << c.jobId;
-    EXPECT_EQ(pmtest::HasLogLine(Log(), "job ID is not usable in a file name: " + c.jobId, "Error"),
-              !c.usable);
-  }
+    Patch().set_jobid(jobId);
+    EXPECT_EQ(holder_.Validate(), usable) << jobId;
+    EXPECT_EQ(pmtest::HasLogLine(Log(), "job ID is not usable in a file name: " + jobId, "Error"), !usable);
+  };
+  for (const std::string& jobId : std::vector<std::string>{"job-1", "...", std::string(200, 'j')})
+    check(jobId, true);
+  for (const std::string& jobId :
+       std::vector<std::string>{"a/b", "../x", ".", "..", std::string(201, 'j'), std::string("a\0b", 3)})
+    check(jobId, false);
 }
 
 TEST(CommandlineArgsPaths, RelativePathsAreResolvedAndAbsoluteOnesKeptByteForByte) {

@@ -4,25 +4,17 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 
 #include "args/commandlineargs.h"
 #include "fuzzlog.h"
 
-namespace {
-int input = -1;
-std::string inputPath;
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  LogEverythingToNowhere();
-  // The loader reads a path; a memory file spares the disk.
-  input = memfd_create("arguments", 0);
-  inputPath = "/proc/self/fd/" + std::to_string(input);
-  return input >= 0 ? 0 : 1;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  // The loader reads a path; a memory file spares the disk.
+  static const int input = memfd_create("arguments", 0);
+  static const std::string inputPath = "/proc/self/fd/" + std::to_string(input);
+  if (input < 0) std::abort();
   if (ftruncate(input, 0) != 0 || pwrite(input, data, size, 0) != static_cast<ssize_t>(size)) return 0;
   patchmgmt::protobuf::CommandlineArgsInProtoBuf arguments;
   if (!arguments.LoadFromFile(inputPath)) return 0;

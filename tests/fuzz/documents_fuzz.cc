@@ -33,7 +33,8 @@ std::shared_ptr<PatchResult> Result(FuzzedDataProvider& input) {
     for (int i = input.ConsumeIntegralInRange(0, 3); i > 0; --i) names->insert(Text(input));
   }
   for (int i = input.ConsumeIntegralInRange(0, 3); i > 0; --i) {
-    result->failedPackages.push_back({input.ConsumeIntegral<int64_t>(), Text(input), Text(input), Text(input)});
+    result->failedPackages.push_back(
+        {input.ConsumeIntegral<int64_t>(), Text(input), Text(input), Text(input)});
   }
   return result;
 }
@@ -46,11 +47,6 @@ void CheckDocument(const char* text, size_t size) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  LogEverythingToNowhere();
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzedDataProvider input(data, size);

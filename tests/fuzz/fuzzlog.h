@@ -5,11 +5,12 @@
 
 #include "zelkor/agent.h"
 
-// Every message of the code under test is formatted, as at the most verbose
-// level, and then dropped.
-inline void LogEverythingToNowhere() {
+// Every target's start-up: every message of the code under test is
+// formatted, as at the most verbose level, and then dropped.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
   zagent::LOGGER_NAME = "zelkor-patchmgmt-tool";
   Poco::Logger& logger = Poco::Logger::get(zagent::LOGGER_NAME);
   logger.setChannel(new Poco::NullChannel);
   logger.setLevel(Poco::Message::PRIO_TRACE);
+  return 0;
 }

@@ -6,11 +6,6 @@
 #include "fuzzlog.h"
 #include "manifest/deploymentmanifest.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  LogEverythingToNowhere();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   patchmgmt::DeploymentJobManifest manifest("vendor");
   const int32_t result = manifest.ParseManifestText(std::string(reinterpret_cast<const char*>(data), size));

@@ -1,14 +1,15 @@
 #include "healthstatus/patchstatushelper.h"
 
+#include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <ctime>
 #include <fstream>
 #include <thread>
 
 #include "healthstatus/healthstatustoolhelper.h"
 #include "healthstatus/patchstatusdatabase.h"
-#include "statusrows.h"
 #include "support/sandbox.h"
 #include "util/timestamps.h"
 
@@ -17,6 +18,24 @@ namespace {
 
 using Helper = PatchStatusHelper;
 using Texts = std::vector<std::string>;
+
+// The "Status" table as the agent reads it back, in insertion order: per row
+// DateTime, ProtoType, ContextId, StatusCode, State, ExtraFields.
+std::vector<Texts> ReadRows(const std::string& dbPath) {
+  std::vector<Texts> rows;
+  auto collect = [](void* out, int columns, char** values, char**) {
+    auto& row = static_cast<std::vector<Texts>*>(out)->emplace_back();
+    for (int column = 0; column < std::min(columns, 6); ++column)
+      row.emplace_back(values[column] ? values[column] : "");
+    return 0;
+  };
+  sqlite3* db = nullptr;
+  EXPECT_EQ(sqlite3_open_v2(dbPath.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(db, "SELECT * FROM Status ORDER BY rowid", collect, &rows, nullptr), SQLITE_OK)
+      << sqlite3_errmsg(db);
+  sqlite3_close(db);
+  return rows;
+}
 
 std::vector<PatchMgmtHealthStatus> Queued() {
   std::lock_guard<std::mutex> guard(Helper::lock_);
@@ -31,18 +50,26 @@ Texts QueuedContexts() {
   return contexts;
 }
 
-ahs::PatchAHSMessages ReadMessageFile(const std::string& path) {
+// The one message file that `dir` must hold, decoded.
+ahs::PatchAHSMessages ReadMessageFile(const std::string& dir) {
+  const auto files = pmtest::ListDir(dir);
+  EXPECT_EQ(files.size(), 1u) << dir;
   ahs::PatchAHSMessages messages;
-  std::ifstream in(path, std::ios::binary);
-  EXPECT_TRUE(messages.ParseFromIstream(&in)) << path;
+  std::ifstream in(dir + "/" + (files.empty() ? "" : files[0]), std::ios::binary);
+  EXPECT_TRUE(messages.ParseFromIstream(&in)) << dir;
   return messages;
 }
 
-// "key=value" of each extra field, in file order.
-Texts ExtraFields(const ahs::PatchAHSMessage& message) {
-  Texts fields;
-  for (const auto& field : message.extrafieldsarray()) fields.push_back(field.key() + "=" + field.value());
-  return fields;
+// "context|status code|state|key=value,..." per message, in file order.
+Texts Describe(const ahs::PatchAHSMessages& messages) {
+  Texts described;
+  for (const auto& m : messages.patchahsmessages()) {
+    described.push_back(m.contextid() + "|" + std::to_string(m.statuscode()) + "|" +
+                        std::to_string(m.state()) + "|");
+    for (const auto& field : m.extrafieldsarray())
+      described.back() += field.key() + "=" + field.value() + ",";
+  }
+  return described;
 }
 
 // The queue and `writer` are process-wide; each test starts and ends with
@@ -93,14 +120,6 @@ TEST_F(PatchStatusTest, RowsLandInStatusTableWithTheirColumns) {
 }
 
 TEST_F(PatchStatusTest, WriteWaitsOutAnotherConnectionsWriteLock) {
-  std::string openError;
-  try {
-    PatchStatusDatabase(dir_.Join("missing/status.db")).CreateDatabase();
-  } catch (const util::modulestatus::StatusDBOpenError& error) {
-    openError = error.what();
-  }
-  EXPECT_NE(openError.find("unable to open database file"), std::string::npos) << openError;
-
   PatchStatusDatabase db(dir_.Join("status.db"));
   db.CreateDatabase();
   ASSERT_EQ(db.CreateTables(), 0);
@@ -158,8 +177,6 @@ TEST_F(PatchStatusTest, UnavailableDatabaseQueuesInOrderAndOneFlushWritesAll) {
     EXPECT_EQ(rows[i][2], queued[i].contextId);
   }
   EXPECT_EQ(rows[2][5], R"({"k":"v"})");
-  EXPECT_EQ(Helper::FlushQueuedStatuses(), 1);
-  EXPECT_EQ(ReadRows(dbPath).size(), 3u);
 }
 
 TEST_F(PatchStatusTest, QuotedContextIdStaysQueuedWithoutHarmingOtherRows) {
@@ -186,12 +203,8 @@ TEST_F(PatchStatusTest, QuotedContextIdStaysQueuedWithoutHarmingOtherRows) {
 
   // At the end of the run they reach the message file, nothing is lost.
   EXPECT_TRUE(Helper::SaveQueuedStatuses());
-  const auto files = pmtest::ListDir(dir_.Join("ahs"));
-  ASSERT_EQ(files.size(), 1u);
-  const auto messages = ReadMessageFile(dir_.Join("ahs/" + files[0]));
-  ASSERT_EQ(messages.patchahsmessages_size(), 3);
-  EXPECT_EQ(messages.patchahsmessages(0).contextid(), hostile);
-  EXPECT_EQ(messages.patchahsmessages(2).contextid(), "queued later");
+  EXPECT_EQ(Describe(ReadMessageFile(dir_.Join("ahs"))),
+            (Texts{hostile + "|2|2|", "job's patch|2|2|", "queued later|4|1|"}));
   EXPECT_EQ(ReadRows(dbPath).size(), 2u);
 }
 
@@ -231,19 +244,55 @@ TEST_F(PatchStatusTest, MessageFilesDecodeThroughGeneratedClasses) {
   const int64_t seconds = std::stoll(files[0].substr(std::string("PatchAHSMessage_").size()));
   EXPECT_EQ(files[0], "PatchAHSMessage_" + std::to_string(seconds) + ".dat");
   EXPECT_GE(seconds, before);
+  const auto messages = ReadMessageFile(ahsDir);
+  EXPECT_EQ(Describe(messages), (Texts{"job-ctx|8976|3|manifestId=m1,manifestInstanceId=mi1,",
+                                       "extra|4000000000|4|alpha=1,zeta=3,",
+                                       "job-ctx|8977|2|manifestId=m1,manifestInstanceId=mi1,osStatus=12,"}));
+  EXPECT_EQ(messages.patchahsmessages(1).datetimeepoch(), 1700000000);
+}
 
-  const auto messages = ReadMessageFile(ahsDir + "/" + files[0]);
-  ASSERT_EQ(messages.patchahsmessages_size(), 3);
-  const auto& manifest = messages.patchahsmessages(0);
-  EXPECT_EQ(manifest.contextid(), "job-ctx");
-  EXPECT_EQ(manifest.state(), ahs::InProgress);
-  const auto& second = messages.patchahsmessages(1);
-  EXPECT_EQ(second.statuscode(), 4000000000u);
-  EXPECT_EQ(second.datetimeepoch(), 1700000000);
-  EXPECT_EQ(ExtraFields(second), (Texts{"alpha=1", "zeta=3"}));
-  EXPECT_EQ(messages.patchahsmessages(2).statuscode(), 8977u);
-  EXPECT_EQ(ExtraFields(messages.patchahsmessages(2)),
-            (Texts{"manifestId=m1", "manifestInstanceId=mi1", "osStatus=12"}));
+// Several threads report while the interim thread's periodic flush runs and
+// the database comes and goes: every record ends up exactly once as a row.
+TEST(HealthStatusConcurrencyTest, AddersAndFlusherNeitherLoseNorDuplicate) {
+  constexpr int kThreads = 4;
+  constexpr int kPerThread = 30;
+  pmtest::TempDir dir;
+  const std::string good = dir.Join("status.db");
+  const std::string bad = dir.Join("missing/status.db");
+
+  Helper::SetStatusPaths(dir.path(), good);
+
+  std::atomic<int> addersLeft{kThreads};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t, &addersLeft] {
+      for (int i = 0; i < kPerThread; ++i) {
+        Helper::AddHealthStatus(PatchMgmtHealthStatus(std::to_string(t) + "-" + std::to_string(i), 2, 1));
+        // Spreads the reports over several switches of the database.
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+      }
+      --addersLeft;
+    });
+  }
+  threads.emplace_back([&] {
+    while (addersLeft > 0) Helper::FlushQueuedStatuses();
+  });
+  threads.emplace_back([&] {
+    for (bool available = true; addersLeft > 0; available = !available) {
+      Helper::SetStatusPaths(dir.path(), available ? good : bad);
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  });
+  for (auto& thread : threads) thread.join();
+
+  // Whatever is still queued follows once the database stays available.
+  Helper::SetStatusPaths(dir.path(), good);
+  Helper::FlushQueuedStatuses();
+  std::map<std::string, int> rows;
+  for (const auto& row : ReadRows(good)) ++rows[row[2]];
+  EXPECT_EQ(rows.size(), size_t{kThreads * kPerThread});
+  for (const auto& [context, count] : rows) EXPECT_EQ(count, 1) << context;
+  EXPECT_TRUE(QueuedContexts().empty());
 }
 
 }  // namespace

@@ -21,16 +21,20 @@ using pmtest::LogLine;
 // says who accepts a file: "valid" both, "invalid" neither, and the two
 // others only one of them, where JSON Schema or its validator cannot follow
 // the parser (docs/manifest.md lists why).
-const char* const kAcceptedFolders[] = {"valid", "schema-only-invalid"};
-const char* const kRejectedFolders[] = {"invalid", "parser-only-invalid"};
+using Folders = std::vector<std::string>;
+const Folders kAcceptedFolders = {"valid", "schema-only-invalid"};
+const Folders kRejectedFolders = {"invalid", "parser-only-invalid"};
 
 std::string CasePath(const std::string& name) { return std::string(PM_MANIFEST_CASES) + "/" + name; }
 
-// "folder/file.json" of every case in `folder`, sorted.
-std::vector<std::string> CaseNames(const std::string& folder) {
+// "folder/file.json" of every case in `folders`, sorted; none of them may be empty.
+std::vector<std::string> CaseNames(const Folders& folders) {
   std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(CasePath(folder))) {
-    names.push_back(folder + "/" + entry.path().filename().string());
+  for (const std::string& folder : folders) {
+    const size_t before = names.size();
+    for (const auto& entry : std::filesystem::directory_iterator(CasePath(folder)))
+      names.push_back(folder + "/" + entry.path().filename().string());
+    EXPECT_GT(names.size(), before) << folder;
   }
   std::sort(names.begin(), names.end());
   return names;
@@ -59,7 +63,9 @@ class ManifestParseTest : public pmtest::LogCaptureTest {
   DeploymentJobManifest manifest_;
 };
 
+// Every field of the model, and the debug lines that dump it.
 TEST_F(ManifestParseTest, FillsEveryFieldOfTheModelAndKeepsFileOrder) {
+  const std::string path = CasePath("valid/every-key.json");
   ASSERT_EQ(ParseCase("valid/every-key.json"), kManifestOk);
   EXPECT_EQ(manifest_.manifestInstanceId, UINT64_MAX);
   ASSERT_EQ(manifest_.jobs.size(), 1u);
@@ -84,19 +90,12 @@ TEST_F(ManifestParseTest, FillsEveryFieldOfTheModelAndKeepsFileOrder) {
             "d130m2m310m5");
 
   const auto log = Log();
-  EXPECT_TRUE(HasLogLine(
-      log, "[Patch]:Deployment manifest content: " + pmtest::ReadTextFile(CasePath("valid/every-key.json")),
-      "Trace"));
+  EXPECT_TRUE(HasLogLine(log, "[Patch]:Deployment manifest content: " + pmtest::ReadTextFile(path), "Trace"));
   EXPECT_TRUE(
       HasLogLine(log, "[Patch]:type provided: install for linux job is not valid. supports only \"INSTALL\"",
                  "Warning"));
-}
-
-TEST_F(ManifestParseTest, DumpWritesTheExactLinesOnlyAtDebugOrFiner) {
-  const std::string path = CasePath("valid/every-key.json");
-  ASSERT_EQ(ParseCase("valid/every-key.json"), kManifestOk);
   std::vector<std::string> debug;
-  for (const LogLine& line : Log()) {
+  for (const LogLine& line : log) {
     if (line.priority == "Debug") debug.push_back(line.text);
   }
   EXPECT_EQ(debug,
@@ -113,14 +112,7 @@ TEST_F(ManifestParseTest, DumpWritesTheExactLinesOnlyAtDebugOrFiner) {
 }
 
 TEST_F(ManifestParseTest, EveryCaseOfTheAcceptedFoldersParses) {
-  for (const char* folder : kAcceptedFolders) {
-    const std::vector<std::string> names = CaseNames(folder);
-    EXPECT_FALSE(names.empty()) << folder;
-    for (const std::string& name : names) {
-      SCOPED_TRACE(name);
-      EXPECT_EQ(ParseCase(name), kManifestOk);
-    }
-  }
+  for (const std::string& name : CaseNames(kAcceptedFolders)) EXPECT_EQ(ParseCase(name), kManifestOk) << name;
 }
 
 TEST_F(ManifestParseTest, RequiredKeyMissingOrMistypedFailsWithOneMessageFromItsLevel) {
@@ -175,30 +167,18 @@ TEST_F(ManifestParseTest, RequiredKeyMissingOrMistypedFailsWithOneMessageFromIts
       {"parser-only-invalid/nan-is-not-json.json", notJson},
       {"parser-only-invalid/number-beyond-a-double.json", notJson},
   };
-  size_t judged = 0;
-  for (const char* folder : kRejectedFolders) {
-    const std::vector<std::string> names = CaseNames(folder);
-    EXPECT_FALSE(names.empty()) << folder;
-    for (const std::string& name : names) {
-      SCOPED_TRACE(name);
-      const auto error = errors.find(name);
-      if (error == errors.end()) {
-        ADD_FAILURE() << "a rejected case needs its expected error in this table";
-        continue;
-      }
-      ++judged;
-      CaptureLog("trace");
-      EXPECT_EQ(ParseCase(name), kManifestInvalid);
-      const std::string& message = error->second;
-      EXPECT_EQ(CountPriority("Error"), message.empty() ? 0u : 1u);
-      if (!message.empty()) {
-        const std::string full = message[0] == '[' ? message : "[Patch]:Failed to find " + message;
-        EXPECT_TRUE(HasLogLine(Log(), full, "Error"));
-      }
-      EXPECT_FALSE(pmtest::HasLogPrefix(Log(), "[Patch]:Dumping"));
-    }
+  std::vector<std::string> tabled;
+  for (const auto& [name, message] : errors) tabled.push_back(name);
+  EXPECT_EQ(CaseNames(kRejectedFolders), tabled) << "every rejected case file and only those";
+  for (const auto& [name, message] : errors) {
+    SCOPED_TRACE(name);
+    CaptureLog();
+    EXPECT_EQ(ParseCase(name), kManifestInvalid);
+    EXPECT_EQ(CountPriority("Error"), message.empty() ? 0u : 1u);
+    const std::string full = message[0] == '[' ? message : "[Patch]:Failed to find " + message;
+    EXPECT_EQ(HasLogLine(Log(), full, "Error"), !message.empty());
+    EXPECT_FALSE(pmtest::HasLogPrefix(Log(), "[Patch]:Dumping"));
   }
-  EXPECT_EQ(judged, errors.size()) << "the table names a case file that does not exist";
 }
 
 TEST_F(ManifestParseTest, OptionalKeysOfTheWrongTypeCountAsAbsent) {

@@ -30,15 +30,13 @@ EXAMPLE = "valid/example.json"
 
 
 def judge(validator, path):
-    """(accepted, why not) of one file."""
+    """Why the schema rejects one file; empty when it accepts it."""
     try:
         document = json.loads(path.read_bytes().decode("utf-8"))
     except (UnicodeDecodeError, ValueError, RecursionError) as error:
-        return False, "not readable as JSON: %s" % type(error).__name__
+        return "not readable as JSON: %s" % type(error).__name__
     error = jsonschema.exceptions.best_match(validator.iter_errors(document))
-    if error is None:
-        return True, ""
-    return False, "%s at %s" % (error.message[:120], error.json_path)
+    return "" if error is None else "%s at %s" % (error.message[:120], error.json_path)
 
 
 def main(schema_path, cases_dir, page_path):
@@ -53,9 +51,9 @@ def main(schema_path, cases_dir, page_path):
         if not files:
             failures.append("%s: no cases" % folder)
         for path in files:
-            accepted, why = judge(validator, path)
-            verdict = "accepts" if accepted else "rejects (%s)" % why
-            print("%s/%s: the schema %s" % (folder, path.name, verdict))
+            why = judge(validator, path)
+            accepted = not why
+            print("%s/%s: the schema %s" % (folder, path.name, "rejects (%s)" % why if why else "accepts"))
             # Only where the validator's reader is the point may it fail to read:
             # elsewhere a typo in a case would make its rejection meaningless.
             if why.startswith("not readable") and folder != "schema-only-invalid":

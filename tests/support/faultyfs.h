@@ -26,11 +26,8 @@ class FaultyFileSystem : public patchmgmt::FileSystem {
     return Fails(kOpen) ? -1 : FileSystem::Open(path, flags, mode);
   }
   ssize_t Write(int fd, const char* data, size_t size) override {
-    if (failing_ != kWrite) return FileSystem::Write(fd, data, size);
-    if (writeBudget_ == 0) {
-      Fails(kWrite);
-      return -1;
-    }
+    if (failing_ != kWrite || writeBudget_ == 0)
+      return Fails(kWrite) ? -1 : FileSystem::Write(fd, data, size);
     const size_t taken = std::min(size, writeBudget_);
     writeBudget_ -= taken;
     return FileSystem::Write(fd, data, taken);

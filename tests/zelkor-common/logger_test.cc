@@ -18,16 +18,4 @@ TEST(Logger, WritesUnderTheLogDirectoryItCreatesOwnerOnly) {
   EXPECT_EQ(pmtest::ReadTextFile(logDir + "tool.log"), "Information|written where expected\n");
 }
 
-TEST(Logger, RefusesBrokenConfigurationsWithoutThrowing) {
-  pmtest::TempDir dir;
-  EXPECT_FALSE(util::logger::InitializeLogger(dir.Join("missing.conf"), dir.path() + "/"));
-  for (const std::string broken :
-       {"logging.loggers.tool.level = loudest\n", "logging.channels.file.class = NoSuchChannel\n",
-        "logging.channels.file.path = ${a}\na = ${b}\nb = ${a}\n"}) {
-    const std::string config = pmtest::WriteLogConfig(dir.Join("log.conf"), dir.Join("tool.log"));
-    pmtest::WriteTextFile(config, pmtest::ReadTextFile(config) + broken);
-    EXPECT_FALSE(util::logger::InitializeLogger(config, dir.path() + "/")) << broken;
-  }
-}
-
 }  // namespace
