@@ -66,13 +66,19 @@ TEST(CommandRunner, ReportsHowTheCommandEndedAndPassesArgumentsLiterally) {
 TEST(CommandRunner, StartsTheCommandCleanly) {
   const int leaked = dup2(STDERR_FILENO, 40);
   ASSERT_EQ(leaked, 40);
-  const auto result =
-      RunCommand(Shell("readlink /proc/$$/fd/0; cut -d' ' -f5 /proc/$$/stat; echo $$; ls /proc/$$/fd/40"));
+  // The tool ignores SIGPIPE and blocks signals around the spawn; the
+  // command gets neither.
+  signal(SIGPIPE, SIG_IGN);
+  const auto result = RunCommand(Shell("readlink /proc/$$/fd/0; cut -d' ' -f5 /proc/$$/stat; echo $$; "
+                                       "grep -E '^Sig(Ign|Blk)' /proc/self/status; ls /proc/$$/fd/40"));
+  signal(SIGPIPE, SIG_DFL);
   close(leaked);
   auto lines = pmtest::SplitLines(result.stdOut);
-  ASSERT_EQ(lines.size(), 3u) << result.stdOut << result.stdErr;
+  ASSERT_EQ(lines.size(), 5u) << result.stdOut << result.stdErr;
   EXPECT_EQ(lines[0], "/dev/null");
   EXPECT_EQ(lines[1], lines[2]) << "the command leads its own process group";
+  EXPECT_EQ(lines[3], "SigBlk:\t0000000000000000");
+  EXPECT_EQ(lines[4], "SigIgn:\t0000000000000000");
   EXPECT_NE(result.exitCode, 0) << "descriptor 40 reached the command";
 }
 

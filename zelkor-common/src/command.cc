@@ -87,6 +87,12 @@ class UniqueFd {
   UniqueFd& operator=(const UniqueFd&) = delete;
 
   int get() const { return fd_; }
+  // Gives the descriptor up without closing it.
+  int release() {
+    const int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
   bool valid() const { return fd_ >= 0; }
   void reset(int fd = -1) {
     if (fd_ >= 0) ::close(fd_);
@@ -117,9 +123,36 @@ bool MakePipe(UniqueFd& readEnd, UniqueFd& writeEnd) {
   return KeepAboveStandardStreams(readEnd) && KeepAboveStandardStreams(writeEnd);
 }
 
-bool SetNonBlocking(int fd) {
-  int flags = ::fcntl(fd, F_GETFL);
-  return flags >= 0 && ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
+// The read ends carry no other status flag, so one call sets the only one.
+bool SetNonBlocking(int fd) { return ::fcntl(fd, F_SETFL, O_NONBLOCK) == 0; }
+
+// /dev/null for every command's standard input, opened once for the process
+// and kept above the standard streams; -1 when it cannot be opened.
+int DevNull() {
+  static const int fd = [] {
+    UniqueFd devNull(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (!devNull.valid() || !KeepAboveStandardStreams(devNull)) return -1;
+    return devNull.release();  // kept open for the life of the process
+  }();
+  return fd;
+}
+
+// The signals whose disposition is not the default one (caught or ignored),
+// one bit per signal from bit 0 for signal 1, as the kernel lists them in
+// /proc/self/status. All of them when the list cannot be read.
+uint64_t SignalsNotAtDefault() {
+  UniqueFd status(::open("/proc/self/status", O_RDONLY | O_CLOEXEC));
+  char text[4096];
+  const ssize_t n = status.valid() ? ::read(status.get(), text, sizeof text - 1) : -1;
+  if (n <= 0) return ~uint64_t{0};
+  text[n] = '\0';
+  uint64_t signals = 0;
+  for (const char* field : {"\nSigIgn:\t", "\nSigCgt:\t"}) {
+    const char* at = std::strstr(text, field);
+    if (at == nullptr) return ~uint64_t{0};
+    signals |= std::strtoull(at + std::strlen(field), nullptr, 16);
+  }
+  return signals;
 }
 
 // What the child reports through its error pipe when it cannot become the
@@ -141,21 +174,29 @@ struct ChildPlan {
   int stdoutFd;
   int stderrFd;
   int errorFd;
-  int highestFd;  // for marking descriptors close-on-exec one by one
+  // The signals to put back to their default disposition (bit 0: signal 1).
+  uint64_t signalsToReset;
 };
+
+// The highest descriptor number the process may have; only a child whose
+// kernel lacks close_range asks.
+__attribute__((no_sanitize("address", "undefined"))) int HighestPossibleFd() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return 65535;
+  return static_cast<int>(std::min<rlim_t>(limit.rlim_cur, 1 << 20)) - 1;
+}
 
 [[noreturn]] __attribute__((no_sanitize("address", "undefined"))) void BecomeCommand(const ChildPlan& plan) {
   // The caller's handlers must never run here, and a command must not
   // inherit ignored signals (the tool ignores SIGPIPE) or a blocked mask.
+  // Only the signals the caller caught or ignored when it spawned are reset:
+  // asking the kernel about all 64 cost as many system calls per command.
   struct sigaction defaultAction {};
   defaultAction.sa_handler = SIG_DFL;
   sigemptyset(&defaultAction.sa_mask);
-  for (int sig = 1; sig < NSIG; ++sig) {
-    struct sigaction current {};
-    if (sig == SIGKILL || sig == SIGSTOP) continue;
-    if (::sigaction(sig, nullptr, &current) == 0 && current.sa_handler != SIG_DFL) {
-      ::sigaction(sig, &defaultAction, nullptr);
-    }
+  for (int sig = 1; sig < NSIG && sig <= 64; ++sig) {
+    if (sig == SIGKILL || sig == SIGSTOP || (plan.signalsToReset & (uint64_t{1} << (sig - 1))) == 0) continue;
+    ::sigaction(sig, &defaultAction, nullptr);
   }
   // A group of its own, so that a time-out can kill everything that stayed
   // in it with one signal.
@@ -172,7 +213,8 @@ struct ChildPlan {
     // Descriptors the caller opened without O_CLOEXEC (other threads, other
     // libraries) must not leak into the command.
     if (::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) != 0) {
-      for (int fd = STDERR_FILENO + 1; fd <= plan.highestFd; ++fd) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+      const int highestFd = HighestPossibleFd();
+      for (int fd = STDERR_FILENO + 1; fd <= highestFd; ++fd) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
     }
     sigset_t none;
     sigemptyset(&none);
@@ -185,6 +227,23 @@ struct ChildPlan {
 }
 
 #if !defined(__SANITIZE_THREAD__)
+// The stack the spawned child runs on until exec, one per thread, mapped once:
+// CLONE_VFORK holds the thread until the child has exec'd or died, so the
+// next command of the thread finds it free again. Mapping it afresh for every
+// command cost page faults and an unmap each time. Null when it cannot be
+// mapped.
+void* ChildStack() {
+  struct Mapping {
+    void* base = ::mmap(nullptr, kChildStackSize, PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK | MAP_NORESERVE, -1, 0);
+    ~Mapping() {
+      if (base != MAP_FAILED) ::munmap(base, kChildStackSize);
+    }
+  };
+  thread_local Mapping mapping;
+  return mapping.base != MAP_FAILED ? mapping.base : nullptr;
+}
+
 __attribute__((no_sanitize("address", "undefined"))) int CloneEntry(void* plan) {
   BecomeCommand(*static_cast<const ChildPlan*>(plan));
 }
@@ -206,26 +265,16 @@ pid_t SpawnChild(const ChildPlan& plan) {
   pid = ::fork();
   if (pid == 0) BecomeCommand(plan);
 #else
-  void* stack = ::mmap(nullptr, kChildStackSize, PROT_READ | PROT_WRITE,
-                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK | MAP_NORESERVE, -1, 0);
-  if (stack != MAP_FAILED) {
+  void* stack = ChildStack();
+  if (stack != nullptr) {
     pid = ::clone(CloneEntry, static_cast<char*>(stack) + kChildStackSize, CLONE_VM | CLONE_VFORK | SIGCHLD,
                   const_cast<ChildPlan*>(&plan));
-    int cloneError = errno;
-    ::munmap(stack, kChildStackSize);
-    errno = cloneError;
   }
 #endif
   int spawnError = errno;
   ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   errno = spawnError;
   return pid;
-}
-
-int HighestPossibleFd() {
-  rlimit limit{};
-  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return 65535;
-  return static_cast<int>(std::min<rlim_t>(limit.rlim_cur, 1 << 20)) - 1;
 }
 
 // One output stream of the child, kept up to the cap and dropped beyond it.
@@ -435,12 +484,11 @@ class CommandRun {
 
  private:
   bool Start() {
-    UniqueFd devNull(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const int devNull = DevNull();
     UniqueFd stdoutWrite, stderrWrite, errorWrite;
-    if (!devNull.valid() || !KeepAboveStandardStreams(devNull) || !MakePipe(stdout_.fd, stdoutWrite) ||
-        !MakePipe(stderr_.fd, stderrWrite) || !MakePipe(errorRead_, errorWrite) ||
-        !SetNonBlocking(stdout_.fd.get()) || !SetNonBlocking(stderr_.fd.get()) ||
-        !SetNonBlocking(errorRead_.get())) {
+    if (devNull < 0 || !MakePipe(stdout_.fd, stdoutWrite) || !MakePipe(stderr_.fd, stderrWrite) ||
+        !MakePipe(errorRead_, errorWrite) || !SetNonBlocking(stdout_.fd.get()) ||
+        !SetNonBlocking(stderr_.fd.get()) || !SetNonBlocking(errorRead_.get())) {
       result_.stdErr = "cannot prepare the command's descriptors: " + util::strerror(errno);
       return false;
     }
@@ -448,8 +496,9 @@ class CommandRun {
     argv.reserve(details_.argv.size() + 1);
     for (const auto& argument : details_.argv) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
-    const ChildPlan plan{argv[0],           argv.data(),      devNull.get(),      stdoutWrite.get(),
-                         stderrWrite.get(), errorWrite.get(), HighestPossibleFd()};
+    const ChildPlan plan{
+        argv[0],          argv.data(),          devNull, stdoutWrite.get(), stderrWrite.get(),
+        errorWrite.get(), SignalsNotAtDefault()};
 
     {
       std::lock_guard<std::mutex> owned(gOwnedChildrenMutex);
@@ -610,6 +659,10 @@ void SetReapExitedOrphans(bool enable) { gReapExitedOrphans.store(enable); }
 
 int ReapExitedOrphans() {
   std::lock_guard<std::mutex> owned(gOwnedChildrenMutex);
+  // Most of the time no child has ended at all: one call says so, and the
+  // look through /proc is spared. The child stays unreaped (WNOWAIT) here.
+  siginfo_t ended{};
+  if (::waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT) != 0 || ended.si_pid == 0) return 0;
   // Orphans come back to whichever thread of this process the kernel picks,
   // so every thread's children are looked at.
   std::set<pid_t> children;
