@@ -12,6 +12,8 @@
 set -euo pipefail
 build=${1:-build}
 top=$(cd "$(dirname "$0")/.." && pwd)
+# shellcheck source=bench/bench-args.sh
+. "$top/bench/bench-args.sh"
 case "$build" in /*) ;; *) build="$top/$build" ;; esac
 tool="$build/bin/zelkor-patchmgmt-tool"
 fixtures="$top/tests/support/pkg-fixtures"
@@ -93,26 +95,7 @@ now=$(date -u +%Y-%m-%dT%H:%M:%S.000Z)
   done
   printf '],"postdeployment":{"suppressreboots":true}}]}'
 } >"$sandbox/manifests/bench-manifest.json"
-cat >"$sandbox/args.txt" <<TXT
-operationType: PATCH
-patchArgs {
-  vendorID: "bench-vendor"
-  jobID: "bench-job"
-  runID: 1
-  manifestID: "bench-manifest"
-  manifestDirectoryPath: "$sandbox/manifests"
-  statusDBPath: "$sandbox/status.db"
-  ahsMessageDir: "$sandbox/ahs"
-  agentDetails { osName: "Debian GNU/Linux" osVersion: "12" architecture: "x86_64" agentVersion: "1.0.0" }
-  resultDirectory: "$sandbox/results"
-  interimResultOption { isInterimResultEnable: false interimResultDir: "$sandbox/interim" interimResultGenerateTimeInSeconds: 60 }
-  deploymentScriptsPaths { deploymentScriptPath: "$script" }
-  jobRecvTime: "$now"
-}
-TXT
-protoc --proto_path="$top/proto/patchcommandlineargs" \
-  --encode=com.zelkor.patch.proto.CommandlineArguments patchcommandlineargs.proto \
-  <"$sandbox/args.txt" >"$sandbox/args.bin"
+write_bench_args "$top" "$sandbox" "$script" "$now"
 
 # The clock starts where the launcher hands over to the tool: the private
 # mount namespace that keeps the run off the host's control groups is no part

@@ -15,6 +15,8 @@
 set -euo pipefail
 build=${1:-build}
 top=$(cd "$(dirname "$0")/.." && pwd)
+# shellcheck source=bench/bench-args.sh
+. "$top/bench/bench-args.sh"
 case "$build" in /*) ;; *) build="$top/$build" ;; esac
 tool="$build/bin/zelkor-patchmgmt-tool"
 [ -x "$tool" ] || { echo "job_throughput: $tool is missing" >&2; exit 1; }
@@ -87,26 +89,7 @@ started=$(date -u +%Y-%m-%dT%H:%M:%S.000Z)
   printf '],"postdeployment":{"suppressreboots":true}}]}'
 } >"$sandbox/manifests/bench-manifest.json"
 
-cat >"$sandbox/args.txt" <<TXT
-operationType: PATCH
-patchArgs {
-  vendorID: "bench-vendor"
-  jobID: "bench-job"
-  runID: 1
-  manifestID: "bench-manifest"
-  manifestDirectoryPath: "$sandbox/manifests"
-  statusDBPath: "$sandbox/status.db"
-  ahsMessageDir: "$sandbox/ahs"
-  agentDetails { osName: "Debian GNU/Linux" osVersion: "12" architecture: "x86_64" agentVersion: "1.0.0" }
-  resultDirectory: "$sandbox/results"
-  interimResultOption { isInterimResultEnable: false interimResultDir: "$sandbox/interim" interimResultGenerateTimeInSeconds: 60 }
-  deploymentScriptsPaths { deploymentScriptPath: "$script" }
-  jobRecvTime: "$started"
-}
-TXT
-protoc --proto_path="$top/proto/patchcommandlineargs" \
-  --encode=com.zelkor.patch.proto.CommandlineArguments patchcommandlineargs.proto \
-  <"$sandbox/args.txt" >"$sandbox/args.bin"
+write_bench_args "$top" "$sandbox" "$script" "$started"
 
 # The tool's clock starts where the launcher hands over to it: the private
 # mount namespace that keeps a root run off the host's control groups (below)

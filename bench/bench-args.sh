@@ -1,0 +1,32 @@
+# shellcheck shell=bash
+# Sourced by the whole-process benchmarks (never run on its own): the
+# argument file of their job, "bench-job" run 1 of the manifest
+# "bench-manifest", in a sandbox laid out as theirs are.
+#
+#   write_bench_args TOP SANDBOX SCRIPT RECEIVED
+# writes SANDBOX/args.bin (and its text form SANDBOX/args.txt) for a job whose
+# deployment script is SCRIPT, received at RECEIVED (a result time), with TOP
+# the source tree that holds the schema.
+write_bench_args() {
+  local top=$1 sandbox=$2 script=$3 received=$4
+  cat >"$sandbox/args.txt" <<TXT
+operationType: PATCH
+patchArgs {
+  vendorID: "bench-vendor"
+  jobID: "bench-job"
+  runID: 1
+  manifestID: "bench-manifest"
+  manifestDirectoryPath: "$sandbox/manifests"
+  statusDBPath: "$sandbox/status.db"
+  ahsMessageDir: "$sandbox/ahs"
+  agentDetails { osName: "Debian GNU/Linux" osVersion: "12" architecture: "x86_64" agentVersion: "1.0.0" }
+  resultDirectory: "$sandbox/results"
+  interimResultOption { isInterimResultEnable: false interimResultDir: "$sandbox/interim" interimResultGenerateTimeInSeconds: 60 }
+  deploymentScriptsPaths { deploymentScriptPath: "$script" }
+  jobRecvTime: "$received"
+}
+TXT
+  protoc --proto_path="$top/proto/patchcommandlineargs" \
+    --encode=com.zelkor.patch.proto.CommandlineArguments patchcommandlineargs.proto \
+    <"$sandbox/args.txt" >"$sandbox/args.bin"
+}
