@@ -1,12 +1,45 @@
 #include "results/resultdocument.h"
 
+#include <cstdint>
+#include <cstring>
+
 #include "util/timestamps.h"
 #include "util/utf8.h"
 
 namespace patchmgmt {
 
+namespace {
+
+// True when every byte is ASCII from the space up, other than a quote or a
+// backslash: such text is valid UTF-8 and is its own JSON form, so it is
+// copied as it stands. Names, ids and dates are nearly always such text; the
+// rest goes through RapidJSON's escaping. Eight bytes at a time, with the
+// usual word tricks for "some byte is zero" and "some byte is below 0x20".
+bool IsPlainJsonText(std::string_view text) {
+  constexpr uint64_t kOnes = 0x0101010101010101ULL;
+  constexpr uint64_t kHighBits = 0x8080808080808080ULL;
+  const auto hasZeroByte = [](uint64_t word) { return (word - kOnes) & ~word & kHighBits; };
+  size_t at = 0;
+  for (; at + 8 <= text.size(); at += 8) {
+    uint64_t word = 0;
+    std::memcpy(&word, text.data() + at, sizeof word);
+    const uint64_t special = (word & kHighBits) | ((word - kOnes * 0x20) & ~word & kHighBits) |
+                             hasZeroByte(word ^ (kOnes * '"')) | hasZeroByte(word ^ (kOnes * '\\'));
+    if (special != 0) return false;
+  }
+  for (; at < text.size(); ++at) {
+    const unsigned char byte = static_cast<unsigned char>(text[at]);
+    if (byte < 0x20 || byte >= 0x80 || byte == '"' || byte == '\\') return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 void ResultWriter::String(std::string_view text) {
-  if (IsValidUtf8(text)) {
+  if (IsPlainJsonText(text)) {
+    writer_.PlainString(text.data(), text.size());
+  } else if (IsValidUtf8(text)) {
     writer_.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
   } else {
     const std::string valid = ToValidUtf8(text);

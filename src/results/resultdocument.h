@@ -12,6 +12,21 @@
 
 namespace patchmgmt {
 
+// RapidJSON's writer, plus a way to write a string that needs no escaping in
+// one copy instead of byte by byte: keys and almost every value are such.
+class DocumentTextWriter : public rapidjson::Writer<rapidjson::StringBuffer> {
+ public:
+  explicit DocumentTextWriter(rapidjson::StringBuffer& out) : Writer(out) {}
+  // `text` must be ASCII without control characters, quote or backslash.
+  void PlainString(const char* text, size_t length) {
+    Prefix(rapidjson::kStringType);
+    char* at = os_->Push(length + 2);
+    at[0] = '"';
+    std::memcpy(at + 1, text, length);
+    at[length + 1] = '"';
+  }
+};
+
 // Writes a result document straight into `out`, key after key, in the order
 // the agent reads them: no tree is built just to be serialised. Every string
 // value is checked and, where it is not valid UTF-8 (a script's output, a
@@ -28,11 +43,9 @@ class ResultWriter {
   // Keys are literals of the tool, valid as they stand.
   template <size_t N>
   void Key(const char (&literal)[N]) {
-    writer_.Key(literal, static_cast<rapidjson::SizeType>(N - 1));
+    writer_.PlainString(literal, N - 1);
   }
-  void Key(const char* literal) {
-    writer_.Key(literal, static_cast<rapidjson::SizeType>(std::strlen(literal)));
-  }
+  void Key(const char* literal) { writer_.PlainString(literal, std::strlen(literal)); }
   void String(std::string_view text);
   // The parts written as one string value.
   void JoinedString(std::string_view a, std::string_view b, std::string_view c, std::string_view d);
@@ -54,7 +67,7 @@ class ResultWriter {
   void EmptyArray(const char* key);
 
  private:
-  rapidjson::Writer<rapidjson::StringBuffer> writer_;
+  DocumentTextWriter writer_;
   std::string joined_;
 };
 

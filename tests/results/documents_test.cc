@@ -12,6 +12,7 @@
 
 #include "results/finalresult.h"
 #include "results/interimgenerator.h"
+#include "results/resultdocument.h"
 #include "support/faultyfs.h"
 #include "support/sandbox.h"
 #include "zelkor/filerep.h"
@@ -150,6 +151,38 @@ TEST(FinalResultTest, InvalidUtf8IsReplacedAndValidTextKept) {
                       "z], d\xC3\xA9j\xC3\xA0 " + r + "\"}"),
             std::string::npos)
       << text;
+}
+
+// Text that needs no escaping is copied as it stands; any other goes through
+// RapidJSON's escaping. Either way the document must hold exactly what
+// RapidJSON's writer makes of the value, wherever a special byte sits
+// within or across the eight-byte steps of the check.
+TEST(ResultWriterTest, WritesEveryValidStringAsRapidJsonDoes) {
+  const std::string specials[] = {"\"", "\\", "\n", "\x1f",     std::string(1, '\0'), "\x7f",
+                                  " ",  "~",  "/",  "\xC3\xA9", "\xE2\x82\xAC",       ""};
+  for (size_t length = 0; length <= 17; ++length) {
+    for (size_t at = 0; at <= length; ++at) {
+      for (const std::string& special : specials) {
+        std::string text(length, 'a');
+        text.insert(at, special);
+        rapidjson::StringBuffer ours;
+        ResultWriter out(ours);
+        out.StartObject();
+        out.Key("k");
+        out.String(text);
+        out.EndObject();
+        rapidjson::StringBuffer theirs;
+        rapidjson::Writer<rapidjson::StringBuffer> writer(theirs);
+        writer.StartObject();
+        writer.Key("k");
+        writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+        writer.EndObject();
+        ASSERT_EQ(std::string(ours.GetString(), ours.GetSize()),
+                  std::string(theirs.GetString(), theirs.GetSize()))
+            << "length " << length << ", special byte at " << at;
+      }
+    }
+  }
 }
 
 std::string Sha256(const std::string& text) {
