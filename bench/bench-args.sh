@@ -1,6 +1,6 @@
 # shellcheck shell=bash
-# Sourced by the whole-process benchmarks (never run on its own): the
-# argument file of their job, "bench-job" run 1 of the manifest
+# Sourced by the whole-process benchmarks (never run on its own): the log
+# configuration and the argument file of their job, "bench-job" run 1 of the manifest
 # "bench-manifest", in a sandbox laid out as theirs are.
 #
 #   write_bench_args TOP SANDBOX SCRIPT RECEIVED
@@ -29,4 +29,21 @@ TXT
   protoc --proto_path="$top/proto/patchcommandlineargs" \
     --encode=com.zelkor.patch.proto.CommandlineArguments patchcommandlineargs.proto \
     <"$sandbox/args.txt" >"$sandbox/args.bin"
+}
+
+#   write_bench_log_config SANDBOX
+# writes SANDBOX/config/zagent-patchmgmt-log.conf: the tool logs to
+# SANDBOX/tool.log at information level, as an installed agent runs it.
+write_bench_log_config() {
+  local sandbox=$1
+  cat >"$sandbox/config/zagent-patchmgmt-log.conf" <<CONF
+logging.formatters.plain.class = PatternFormatter
+logging.formatters.plain.pattern = %p|%t
+logging.channels.file.class = FileChannel
+logging.channels.file.path = $sandbox/tool.log
+logging.channels.file.formatter = plain
+logging.loggers.tool.name = zelkor-patchmgmt-tool
+logging.loggers.tool.channel = file
+logging.loggers.tool.level = information
+CONF
 }

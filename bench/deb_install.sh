@@ -74,16 +74,7 @@ check_root "$sandbox/script" "the script loop"
 # The tool: argument file, manifest of one patch per package, log at
 # information level, as the agent runs it.
 "$fixtures" deb-root "$sandbox/tool"
-cat >"$sandbox/config/zagent-patchmgmt-log.conf" <<CONF
-logging.formatters.plain.class = PatternFormatter
-logging.formatters.plain.pattern = %p|%t
-logging.channels.file.class = FileChannel
-logging.channels.file.path = $sandbox/tool.log
-logging.channels.file.formatter = plain
-logging.loggers.tool.name = zelkor-patchmgmt-tool
-logging.loggers.tool.channel = file
-logging.loggers.tool.level = information
-CONF
+write_bench_log_config "$sandbox"
 now=$(date -u +%Y-%m-%dT%H:%M:%S.000Z)
 {
   printf '{"schemaversion":1,"manifestinstanceid":1,"jobs":[{"id":"bench-job","runid":1,"type":"INSTALL",'

@@ -45,16 +45,7 @@ mkfifo "$sandbox/tick"
 exec 9<>"$sandbox/tick"
 pause() { read -r -t "$1" -u 9 _ || true; }
 
-cat >"$sandbox/config/zagent-patchmgmt-log.conf" <<CONF
-logging.formatters.plain.class = PatternFormatter
-logging.formatters.plain.pattern = %p|%t
-logging.channels.file.class = FileChannel
-logging.channels.file.path = $sandbox/tool.log
-logging.channels.file.formatter = plain
-logging.loggers.tool.name = zelkor-patchmgmt-tool
-logging.loggers.tool.channel = file
-logging.loggers.tool.level = information
-CONF
+write_bench_log_config "$sandbox"
 
 script="$sandbox/deploy.sh"
 if [ "$failKib" -gt 0 ]; then
