@@ -91,6 +91,7 @@ write_bench_args "$top" "$sandbox" "$script" "$now"
 # The clock starts where the launcher hands over to the tool: the private
 # mount namespace that keeps the run off the host's control groups is no part
 # of the tool. It ends at the exit-code file's write time.
+# shellcheck disable=SC2016 # the launcher's script, expanded by the shell that runs it
 launch='[ -z "$1" ] || mount --bind "$1" /sys/fs/cgroup/systemd || exit 1
 printf %s "${EPOCHREALTIME/./}" >"$2"
 exec "$3" "$4"'

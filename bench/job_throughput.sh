@@ -67,11 +67,11 @@ started=$(date -u +%Y-%m-%dT%H:%M:%S.000Z)
 {
   printf '{"schemaversion":1,"manifestinstanceid":1,"jobs":[{"id":"bench-job","runid":1,"type":"INSTALL",'
   printf '"isimmediate":true,"datetime":"%s","timeout":600,"continueafterpackagefailedforpatch":false,"patches":[' "$started"
-  for p in $(seq 1 $patches); do
+  for p in $(seq 1 "$patches"); do
     [ "$p" -gt 1 ] && printf ','
     printf '{"zpatchid":"P-%03d","rebootrequire":false,"downloadinfo":[{"packagesbyarch":[' "$p"
     printf '{"architecture":"x86_64","packages":['
-    for k in $(seq 1 $perPatch); do
+    for k in $(seq 1 "$perPatch"); do
       [ "$k" -gt 1 ] && printf ','
       printf '"package-%03d-%d"' "$p" "$k"
     done
@@ -86,6 +86,7 @@ write_bench_args "$top" "$sandbox" "$script" "$started"
 # mount namespace that keeps a root run off the host's control groups (below)
 # costs some process starts of its own, which are no part of the tool.
 stamp="$sandbox/started"
+# shellcheck disable=SC2016 # the launcher's script, expanded by the shell that runs it
 launch='[ -z "$1" ] || mount --bind "$1" /sys/fs/cgroup/systemd || exit 1
 printf %s "${EPOCHREALTIME/./}" >"$2"
 ZELKOR_AGENT_CONFIG_DIR=$3 exec "$4" "$5"'

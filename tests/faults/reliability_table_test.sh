@@ -7,12 +7,13 @@ top=${1:?source dir}
 table="$top/docs/reliability.md"
 defined=$(grep -rhoE 'TEST(_F)?\([A-Za-z0-9_]+, *[A-Za-z0-9_]+\)' "$top/tests" |
   sed -E 's/TEST(_F)?\(([A-Za-z0-9_]+), *([A-Za-z0-9_]+)\)/\2.\3/' | sort -u)
+# shellcheck disable=SC2016 # backquotes of the Markdown table, not commands
 named=$(grep -oE '`[A-Z][A-Za-z0-9]*\.[A-Z][A-Za-z0-9_]+`' "$table" | tr -d '`' | sort -u)
 status=0
 for test in $named; do
   grep -qxF "$test" <<<"$defined" || { echo "the table names $test, which no test defines"; status=1; }
 done
-for test in $(grep -E '^Faults\.' <<<"$defined"); do
+while read -r test; do
   grep -qxF "$test" <<<"$named" || { echo "$test has no row in docs/reliability.md"; status=1; }
-done
+done < <(grep -E '^Faults\.' <<<"$defined")
 exit "$status"
