@@ -1,8 +1,19 @@
 # shellcheck shell=bash
-# Sourced by the whole-process benchmarks (never run on its own): the log
-# configuration and the argument file of their job, "bench-job" run 1 of the manifest
-# "bench-manifest", in a sandbox laid out as theirs are.
+# Sourced by the whole-process benchmarks (never run on its own): the tool they
+# run, and the log configuration and the argument file of their job,
+# "bench-job" run 1 of the manifest "bench-manifest", in a sandbox laid out as
+# theirs are.
 #
+#   find_bench_tool NAME TOP BUILD
+# sets `tool` to the tool built in BUILD, a directory taken relative to TOP
+# unless it is absolute, and ends the benchmark NAME when the tool is missing.
+find_bench_tool() {
+  local name=$1 top=$2 build=$3
+  case "$build" in /*) ;; *) build="$top/$build" ;; esac
+  tool="$build/bin/zelkor-patchmgmt-tool"
+  [ -x "$tool" ] || { echo "$name: $tool is missing" >&2; exit 1; }
+}
+
 #   write_bench_args TOP SANDBOX SCRIPT RECEIVED
 # writes SANDBOX/args.bin (and its text form SANDBOX/args.txt) for a job whose
 # deployment script is SCRIPT, received at RECEIVED (a result time), with TOP

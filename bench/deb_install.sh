@@ -10,17 +10,14 @@
 #
 #   bench/deb_install.sh <build dir>       PACKAGES=n (50), FILES=n (20 files per package)
 set -euo pipefail
-build=${1:-build}
 top=$(cd "$(dirname "$0")/.." && pwd)
 # shellcheck source=bench/bench-args.sh
 . "$top/bench/bench-args.sh"
-case "$build" in /*) ;; *) build="$top/$build" ;; esac
-tool="$build/bin/zelkor-patchmgmt-tool"
+find_bench_tool deb_install "$top" "${1:-build}"
 fixtures="$top/tests/support/pkg-fixtures"
 script="$top/scripts/deploy/deploy-deb"
 count=${PACKAGES:-50}
 files=${FILES:-20}
-[ -x "$tool" ] || { echo "deb_install: $tool is missing" >&2; exit 1; }
 if [ "$(id -u)" -ne 0 ]; then
   echo "deb_install: skipped: installing into a dpkg root needs root"
   exit 0

@@ -13,13 +13,10 @@
 #   FAILING_OUTPUT_KIB=n makes every package fail after printing n KiB on
 #   each of its streams; MEMORY_GOAL_MB=n (20) is the goal for the peak.
 set -euo pipefail
-build=${1:-build}
 top=$(cd "$(dirname "$0")/.." && pwd)
 # shellcheck source=bench/bench-args.sh
 . "$top/bench/bench-args.sh"
-case "$build" in /*) ;; *) build="$top/$build" ;; esac
-tool="$build/bin/zelkor-patchmgmt-tool"
-[ -x "$tool" ] || { echo "job_throughput: $tool is missing" >&2; exit 1; }
+find_bench_tool job_throughput "$top" "${1:-build}"
 command -v protoc >/dev/null || { echo "job_throughput: protoc is missing" >&2; exit 1; }
 repeat=${REPEAT:-5}
 patches=${PATCHES:-100}
