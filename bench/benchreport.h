@@ -51,6 +51,17 @@ class Reporter : public benchmark::ConsoleReporter {
   std::map<std::string, std::vector<double>> figures_;
 };
 
+// Runs the benchmarks that the command line selects (all by default) into
+// `reporter`. False, after the library has said why, when an argument is not
+// one of its own.
+inline bool RunBenchmarks(int argc, char** argv, Reporter& reporter) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return false;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  return true;
+}
+
 // Prints "<what>: <figure>, goal <= <goal>, met" (or "missed"), deciding on
 // the figure as it is printed, rounded to `decimals`: a printed 1.50 meets a
 // goal of 1.5. Returns whether the goal was met.

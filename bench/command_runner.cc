@@ -100,11 +100,8 @@ BENCHMARK(BM_AlternatingPair)->UseRealTime()->Unit(benchmark::kMicrosecond);
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   pmbench::Reporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
+  if (!pmbench::RunBenchmarks(argc, argv, reporter)) return 1;
   const double spawn = reporter.Median("BM_PosixSpawnTrue");
   const double runner = reporter.Median("BM_ExecuteCommandTrue");
   std::printf("timed separately: posix_spawn+waitpid %.1f us, ExecuteCommand %.1f us\n", spawn, runner);

@@ -230,7 +230,6 @@ int main(int argc, char** argv) {
   // --dom-once give the cold, single-shot cost.
   mallopt(M_MMAP_THRESHOLD, 1 << 30);
   mallopt(M_TRIM_THRESHOLD, 1 << 30);
-  benchmark::Initialize(&argc, argv);
   QuietLogger();
   char dir[] = "/tmp/bench-manifest-XXXXXX";
   if (mkdtemp(dir) == nullptr) {
@@ -243,9 +242,9 @@ int main(int argc, char** argv) {
   std::printf("manifest: %d patches, %.2f MB\n", kPatches, g_manifestText.size() / (1024.0 * 1024.0));
 
   pmbench::Reporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
+  const bool ran = pmbench::RunBenchmarks(argc, argv, reporter);
   Poco::File(dir).remove(true);
+  if (!ran) return 1;
 
   // CPU time, because the benchmarks share the machine's cores with other
   // work and the parse is single-threaded: wall time would count the moments

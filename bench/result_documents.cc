@@ -155,11 +155,8 @@ BENCHMARK(BM_BuildInterimDocument)->Unit(benchmark::kMillisecond)->Repetitions(5
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   pmbench::Reporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
+  if (!pmbench::RunBenchmarks(argc, argv, reporter)) return 1;
   // CPU time: the work is single-threaded and the machine is shared.
   const double document = reporter.Median("BM_WriteFinalDocument.cpu");
   const double writer = reporter.Median("BM_RapidJsonWriterOverPrebuiltTree.cpu");
