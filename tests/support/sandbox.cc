@@ -1,6 +1,7 @@
 #include "support/sandbox.h"
 
 #include <Poco/File.h>
+#include <Poco/Path.h>
 #include <fcntl.h>
 #include <google/protobuf/text_format.h>
 #include <poll.h>
@@ -15,6 +16,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -77,6 +79,24 @@ std::set<pid_t> ProcessesBelowThisOne() {
   CollectTree(getpid(), tree);
   tree.erase(getpid());
   return tree;
+}
+
+TempDir::TempDir() {
+  std::string name = Poco::Path::temp() + "zelkor-test-XXXXXX";
+  if (::mkdtemp(name.data()) == nullptr) {
+    throw std::runtime_error("cannot create a directory under " + Poco::Path::temp() + ": " +
+                             std::strerror(errno));
+  }
+  path_ = name;
+}
+
+TempDir::~TempDir() {
+  try {
+    Poco::File(path_).remove(true);
+  } catch (const std::exception&) {
+    // What a test left unremovable stays behind; the test itself has passed
+    // or failed on its own checks already.
+  }
 }
 
 void WriteTextFile(const std::string& path, const std::string& content, mode_t mode) {

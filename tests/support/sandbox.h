@@ -1,6 +1,5 @@
 #pragma once
 
-#include <Poco/TemporaryFile.h>
 #include <gtest/gtest.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -18,15 +17,21 @@ namespace pmtest {
 namespace pb = ::com::zelkor::patch::proto;
 
 // A fresh directory in the scratch directory ($TMPDIR or /tmp), removed with
-// its content when the object goes away.
+// its content when the object goes away. The name is made unique by the
+// kernel: a name made from the process id alone names the directory of an
+// earlier test process whose id was the same, and one that died without
+// cleaning up (a death test's child) leaves its files there.
 class TempDir {
  public:
-  TempDir() { dir_.createDirectories(); }
-  const std::string& path() const { return dir_.path(); }
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
   std::string Join(const std::string& name) const { return path() + "/" + name; }
 
  private:
-  Poco::TemporaryFile dir_;
+  std::string path_;
 };
 
 void WriteTextFile(const std::string& path, const std::string& content, mode_t mode = 0644);
